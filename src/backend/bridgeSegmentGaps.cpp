@@ -1,0 +1,6 @@
+// bridgeSegmentGaps.cpp - stub, being built.
+#include "backend.h"
+
+namespace kvane {
+
+}  // namespace kvane

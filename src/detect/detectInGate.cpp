@@ -1,0 +1,6 @@
+// detectInGate.cpp - stub, being built.
+#include "detect.h"
+
+namespace kvane {
+
+}  // namespace kvane

@@ -1,0 +1,6 @@
+// findDropPoints.cpp - stub, being built.
+#include "detect.h"
+
+namespace kvane {
+
+}  // namespace kvane

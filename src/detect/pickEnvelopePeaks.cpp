@@ -1,0 +1,6 @@
+// pickEnvelopePeaks.cpp - stub, being built.
+#include "detect.h"
+
+namespace kvane {
+
+}  // namespace kvane

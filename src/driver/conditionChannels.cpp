@@ -1,0 +1,81 @@
+// conditionChannels.cpp - the head of the ping: integer planes to scaled
+// complex channels, the first-echo history, the optional fixed gain.
+#include <omp.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "driver.h"
+
+namespace kvane {
+
+void conditionChannels(cfloat* rawChannels, cfloat* filteredChannels, float* channelI,
+                       float* channelQ, const int32_t* planeI, const int32_t* planeQ, int32_t n) {
+    if (n < 1) return;
+    const int64_t total = static_cast<int64_t>(kChannels) * n;
+    // The channel filter has one tap: a window of length 1 leaves it alone and
+    // the division by the tap sum makes it exactly 1.0, so the filtered channels
+    // equal the raw ones before the optional gains.
+    const float tap = 1.0f;
+#pragma omp parallel for num_threads(teamSize()) schedule(static)
+    for (int32_t c = 0; c < kChannels; ++c) {
+        const int64_t row = static_cast<int64_t>(c) * n;
+        float* ci = channelI + row;
+        float* cq = channelQ + row;
+        for (int32_t t = 0; t < n; ++t) {
+            ci[t] = static_cast<float>(planeI[row + t]) * kSampleScale;
+            cq[t] = static_cast<float>(planeQ[row + t]) * kSampleScale;
+        }
+        cfloat* raw = rawChannels + row;
+        cfloat* filt = filteredChannels + row;
+        for (int32_t t = 0; t < n; ++t) {
+            filt[t] = cfloat{ci[t] * tap, cq[t] * tap};
+            raw[t] = cfloat{ci[t], cq[t]};
+        }
+        // Drop the first 15 samples; the last 15 positions keep their values,
+        // so the row ends with 15 repeated samples. Rows of 15 or fewer
+        // samples stay unshifted.
+        if (n - 15 >= 1) {
+            std::memmove(raw, raw + 15, sizeof(cfloat) * static_cast<std::size_t>(n - 15));
+            std::memmove(filt, filt + 15, sizeof(cfloat) * static_cast<std::size_t>(n - 15));
+        }
+    }
+    (void)total;
+}
+
+int32_t updateFirstEchoHistory(int32_t* history, int32_t first) {
+    int32_t h[7];
+    std::memcpy(h, history, sizeof h);
+    // One forward block copy of 24 bytes from h[0] to h[1], done as a move of
+    // 16 bytes and then one of 8 bytes: the moves overlap, so e4 is lost and e3
+    // doubled (e0..e6 -> e0 e0 e1 e2 e3 e3 e5). This is the history's rule.
+    std::memmove(h + 1, h, 16);
+    std::memmove(h + 5, h + 4, 8);
+    h[0] = first;
+    int32_t sorted[7];
+    std::memcpy(sorted, h, sizeof h);
+    std::sort(sorted, sorted + 7);
+    int32_t median = sorted[3];
+    // While more than half of the history is still zero the largest value
+    // stands in for the median.
+    if (median == 0) median = sorted[6];
+    std::memcpy(history, h, sizeof h);
+    return median;
+}
+
+void applyFixedGain(cfloat* filteredChannels, const float* gainReal, int32_t n) {
+    if (n < 1) return;
+#pragma omp parallel for num_threads(teamSize()) schedule(static)
+    for (int32_t c = 0; c < kChannels; ++c) {
+        cfloat* row = filteredChannels + static_cast<int64_t>(c) * n;
+        for (int32_t t = 0; t < n; ++t) {
+            // (re + j im) * (g + j0), written out as the complex product.
+            const float g = gainReal[t];
+            const float re = row[t].re * g - row[t].im * 0.0f;
+            const float im = row[t].re * 0.0f + row[t].im * g;
+            row[t] = cfloat{re, im};
+        }
+    }
+}
+
+}  // namespace kvane

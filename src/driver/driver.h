@@ -1,0 +1,98 @@
+// driver.h - the steps of a ping that belong to the driver: channel
+// conditioning, the beam fan, steering and beam sums, the amplitude image and
+// the sector grid of the fan picture.
+#pragma once
+
+#include <cstdint>
+
+#include "../../include/kVane.h"
+#include "../backend/backend.h"
+#include "../frontend/frontend.h"
+#include "../numeric/numeric.h"
+
+namespace kvane {
+
+constexpr int32_t kChannels = 64;
+constexpr int32_t kMaxSamples = 8000;
+constexpr int32_t kMaxBeams = 256;
+constexpr int32_t kCandidatesPerBeam = 6;
+constexpr int32_t kSampleRate = 20000;
+constexpr int32_t kSegmentLength = 200;
+constexpr int32_t kMaxSegments = 40;
+
+// The one scaling of the integer samples (bit pattern 0x36a7c5ac).
+constexpr float kSampleScale = 5e-06f;
+
+// Integer planes (64 rows of n) to scaled complex channels, with the
+// one-tap channel filter and the 15-sample shift: rawChannels from the
+// scaled samples, filteredChannels after the filter. channelI, channelQ:
+// 64 * n floats of scratch.
+void conditionChannels(cfloat* rawChannels, cfloat* filteredChannels, float* channelI,
+                       float* channelQ, const int32_t* planeI, const int32_t* planeQ, int32_t n);
+
+// Folds this ping's first echo into the seven-entry history (newest first,
+// with its deliberate overlapping shift) and returns the smoothed
+// firstEchoSample.
+int32_t updateFirstEchoHistory(int32_t* history, int32_t first);
+
+// Multiplies every row of filteredChannels (64 rows of n) by the per-sample
+// real gain gainReal[n].
+void applyFixedGain(cfloat* filteredChannels, const float* gainReal, int32_t n);
+
+// The fan from the beam count alone: beamAngles[B] from the table for 64,
+// 128 or 256 beams, zeros otherwise.
+void fillBeamAnglesFromTable(float* beamAngles, int32_t beamCount);
+
+// The rest of the fan: equal angles (beamSpacing 1) or equal distances (2)
+// over the sectors, the geometry signature (returns geometryChanged), the
+// three copies in beamAngleCopies and the double-precision angles.
+uint8_t finishBeamFan(float* beamAngles, double* beamAnglesDouble, float* beamAngleCopies,
+                      float sectorPort, float sectorStarboard, int8_t beamSpacing,
+                      int32_t beamCount, int32_t* geometrySignature);
+
+// Steering weights of B beams x 64 elements, computed in double precision and
+// rounded to single precision: taper[c] * exp(j 4712.38921875/c * sin(a) * c).
+void formSteeringMatrix(cfloat* steerMatrix, const double* beamAnglesDouble, int32_t beamCount,
+                        double offsetDegrees, float soundSpeed);
+
+// Everything the beamforming step needs and leaves.
+struct BeamformingIo {
+    const cfloat* filteredChannels; // 64 rows of n
+    const cfloat* rawChannels;      // 64 rows of n
+    cfloat* formedBeamIq;           // B rows of n
+    cfloat* splitBeamIq;            // B rows of n
+    cfloat* steerMatrix;            // B x 64
+    cfloat* segFilteredIq;          // segment blocks
+    cfloat* segChannelIq;
+    cfloat* segBeamIq;
+    cfloat* segSplitIq;
+    SplitScratch split;
+    float* lastRollAngle;           // retained
+    float* lastRollTime;            // retained
+};
+
+// Forms formedBeamIq and splitBeamIq: once for the ping when rollCount is 1,
+// else per 200-sample segment steered by the interpolated roll (rollCount
+// outside -100..100 is written back as 1). Writes segmentRoll on the segmented
+// path. Returns angleOffset, the roll the tracker sees.
+float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngles,
+                const double* beamAnglesDouble, int32_t n, const BeamformingIo* io);
+
+// Roll of each segment from the roll table, joined to the previous ping by the
+// retained last sample. segmentRollLocal: segmentCount entries.
+void interpolateRoll(float* segmentRollLocal, int32_t segmentCount, const float* rollAngle,
+                     const int32_t* rollTime, int32_t rollCount, int32_t pingTime,
+                     float* lastRollAngle, float* lastRollTime);
+
+// Amplitude image: magnitude of formedBeamIq, half-fan clipping with the
+// replacement value 1.0, the copy to beamImage, and with smooth the 7x7 mean
+// (beamImage then must hold (n + 6) * (B + 6) floats).
+void conditionBeamImage(float* beamEnvelope, float* beamEnvelopeBySample, float* beamImage,
+                        const cfloat* formedBeamIq, int32_t beamCount, int32_t n,
+                        float clipRatio, bool smooth);
+
+// Rebuilds the sector grid when its key (sums of sectors, n*B + W*H) changed.
+void updateSectorGrid(SectorGrid* grid, float sectorPort, float sectorStarboard,
+                      int32_t imageWidth, int32_t imageHeight, int32_t n, int32_t beamCount);
+
+}  // namespace kvane

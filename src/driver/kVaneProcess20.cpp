@@ -1,0 +1,210 @@
+// kVaneProcess20.cpp - the ping driver: the fixed order of the stages of one
+// ping, the switches of KVaneParams, the state that crosses pings, and the
+// raw-buffer entry kVaneProcess7420.
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "../../include/kVane.h"
+#include "../backend/backend.h"
+#include "../detect/detect.h"
+#include "../frontend/frontend.h"
+#include "driver.h"
+#include "workspace.h"
+
+namespace kvane {
+namespace {
+
+// A ping runs only on a built workspace with usable blocks and sizes. Anything
+// else is skipped and leaves the result block as it was: the kernel has no
+// error channel, and a skipped ping is the one outcome that never touches
+// memory it does not own.
+bool pingIsRunnable(const KVaneParams* params, const KVaneInput* input, const KVaneResult* result) {
+    if (!ws.built || params == nullptr || input == nullptr || result == nullptr) return false;
+    if (input->planeI == nullptr || input->planeQ == nullptr) return false;
+    const int32_t n = input->sampleCount;
+    const int32_t B = params->beamCount;
+    if (n < 1 || n > kMaxSamples || B < 1 || B > kMaxBeams) return false;
+    if (result->beamImage == nullptr || result->displayImage == nullptr ||
+        result->sideScanImage == nullptr)
+        return false;
+    if (params->gainSwitch != 0.0f && result->gainProfile == nullptr) return false;
+    if (params->imageWidth < 0 || params->imageHeight < 0) return false;
+    return true;
+}
+
+void decideTrackedLine(const KVaneParams* params, KVaneResult* result, int32_t B,
+                       int32_t firstEchoSample, const float* beamAngles, float angleOffset,
+                       const int32_t* rawDetectionTable, const int32_t* detectionTable) {
+    if (params->trackEnable != 1) {
+        // The first candidate of each beam, straight from the record (not clamped).
+        for (int32_t b = 0; b < B; ++b)
+            result->bottomSample[b] = static_cast<float>(candidateSlots[b * 6]->detectionSample);
+        retained.trackCentre[0] = 0;
+        retained.trackCentre[1] = 0;
+        return;
+    }
+    int32_t tracked[kMaxBeams] = {};
+    int32_t detected[kMaxBeams] = {};
+    trackRawSoundings(rawDetectionTable, B, retained.trackCentre,
+                      static_cast<float>(firstEchoSample), beamAngles, angleOffset, tracked,
+                      retained.trackHistory, result->bottomFlag);
+    if (params->qualityThreshold != 0.0f) {
+        trackDetectedSoundings(detectionTable, B, retained.trackCentre,
+                               static_cast<float>(firstEchoSample), beamAngles, angleOffset,
+                               detected, retained.trackHistory, result->bottomFlag);
+        for (int32_t b = 0; b < B; ++b)
+            if (result->bottomFlag[b] == 1 && tracked[b] != 0) tracked[b] = detected[b];
+    }
+    std::memmove(retained.trackHistory, retained.trackHistory + B, sizeof(float) * 2 * B);
+    for (int32_t b = 0; b < B; ++b) retained.trackHistory[2 * B + b] = static_cast<float>(tracked[b]);
+    retained.trackCentre[0] = B / 2 - 1 >= 0 ? tracked[B / 2 - 1] : 0;
+    retained.trackCentre[1] = tracked[B / 2];
+    for (int32_t b = 0; b < B; ++b) result->bottomSample[b] = static_cast<float>(tracked[b]);
+}
+
+}  // namespace
+
+// Runs one ping; false when it was skipped.
+bool processPing(KVaneParams* params, KVaneInput* input, KVaneResult* result) {
+    if (!pingIsRunnable(params, input, result)) return false;
+    const int32_t n = input->sampleCount;
+    const int32_t B = params->beamCount;
+
+    // 1. Scaled complex channels.
+    conditionChannels(ws.rawChannels, ws.filteredChannels, ws.channelI, ws.channelQ,
+                      input->planeI, input->planeQ, n);
+
+    // 2. Default detector limits.
+    DetectionLimits limits{100, 4000, 0, 1, params->soundSpeed, 0};
+
+    // 3. The fan from the beam-count table.
+    float beamAngles[kMaxBeams] = {};
+    double beamAnglesDouble[kMaxBeams] = {};
+    fillBeamAnglesFromTable(beamAngles, B);
+
+    // 4. First echo, optional gain equaliser, the history, optional fixed gain.
+    magnitude(ws.channelEnvelope, ws.rawChannels, kChannels * n);
+    transpose(ws.magnitudeBySample, ws.channelEnvelope, kChannels, n);
+    const int32_t first = detectFirstEcho(ws.magnitudeBySample, n);
+    if (params->gainSwitch != 0.0f) {
+        int32_t gainOnsetSample = 0;  // nothing reads it later
+        equaliseChannelGain(ws.filteredChannels, result->gainProfile, &gainOnsetSample, n);
+    }
+    result->firstEchoHalf = static_cast<float>(first) * 0.5f;
+    const int32_t firstEchoSample = updateFirstEchoHistory(retained.firstEchoHistory, first);
+    if (params->fixedGainEnable != 0) applyFixedGain(ws.filteredChannels, ws.gainReal, n);
+
+    // 5. Detector limits from limitMode.
+    if (params->limitMode == 1) {
+        limits = DetectionLimits{0, n - 1, 0, n - 1, params->soundSpeed, 1};
+    } else if (params->limitMode == 2) {
+        const float lo = params->depthLimitNear < params->depthLimitFar ? params->depthLimitNear
+                                                                        : params->depthLimitFar;
+        const float hi = params->depthLimitNear < params->depthLimitFar ? params->depthLimitFar
+                                                                        : params->depthLimitNear;
+        limits = DetectionLimits{0, n - 1, static_cast<int32_t>(lo), static_cast<int32_t>(hi),
+                                 params->soundSpeed, 2};
+        retained.trackCentre[0] = 0;
+        retained.trackCentre[1] = 0;
+    }
+
+    // 6. The rest of the fan.
+    retained.geometryChanged =
+        finishBeamFan(beamAngles, beamAnglesDouble, result->beamAngleCopies, params->sectorPort,
+                      params->sectorStarboard, params->beamSpacing, B, &retained.geometrySignature);
+
+    // 7. Beams and split-aperture products.
+    BeamformingIo io{ws.filteredChannels, ws.rawChannels, ws.formedBeamIq, ws.splitBeamIq,
+                     ws.steerMatrix,      ws.segFilteredIq, ws.segChannelIq, ws.segBeamIq,
+                     ws.segSplitIq,       ws.split,       &retained.lastRollAngle,
+                     &retained.lastRollTime};
+    const float angleOffset = formBeams(params, result, beamAngles, beamAnglesDouble, n, &io);
+
+    // 8. Amplitude image.
+    conditionBeamImage(ws.beamEnvelope, ws.beamEnvelopeBySample, result->beamImage,
+                       ws.formedBeamIq, B, n, params->clipRatio, params->gainSwitch != 0.0f);
+
+    // 9. Candidates.
+    for (int32_t i = 0; i < 6 * B; ++i) {
+        candidateSlots[i]->detectionSample = 0;
+        candidateSlots[i]->rawDetectionSample = 0;
+    }
+    BottomDetectArgs args{beamAngles,         ws.beamEnvelope, ws.splitBeamIq, n, B,
+                          firstEchoSample,    params->pulseLength, kSampleRate, &limits,
+                          params->qualityThreshold, retained.geometryChanged,
+                          &retained.firstBeamPending, ws.detect};
+    detectBeamCandidates(&args, candidateSlots, retained.gateTable);
+
+    // 10. Harvest, clamped to 1..n so that an empty slot reads 1.
+    int32_t detectionTable[1536] = {};
+    int32_t rawDetectionTable[1536] = {};
+    float candidates[1536] = {};
+    for (int32_t i = 0; i < 6 * B; ++i) {
+        const int32_t raw = candidateSlots[i]->rawDetectionSample;
+        const int32_t det = candidateSlots[i]->detectionSample;
+        rawDetectionTable[i] = raw < 1 ? 1 : (raw > n ? n : raw);
+        detectionTable[i] = det < 1 ? 1 : (det > n ? n : det);
+    }
+    for (int32_t b = 0; b < B; ++b)
+        for (int32_t c = 0; c < 6; ++c)
+            candidates[c * B + b] = static_cast<float>(detectionTable[b * 6 + c]);
+
+    // 11. Trace the line across the fan.
+    for (int32_t b = 0; b < B; ++b) result->bottomSample[b] = 0.0f;
+    traceBottomCurve(candidates, static_cast<float>(B), static_cast<float>(n),
+                     result->bottomSample);
+    completeBottomLine(result->bottomSample, result->bottomFlag, B);
+
+    // 12. In shallow water the tracker or the first candidates replace the line.
+    if (firstEchoSample < 100)
+        decideTrackedLine(params, result, B, firstEchoSample, beamAngles, angleOffset,
+                          rawDetectionTable, detectionTable);
+
+    // 13-15. Sector grid and water-column wedge.
+    updateSectorGrid(&retained.grid, params->sectorPort, params->sectorStarboard,
+                     params->imageWidth, params->imageHeight, n, B);
+    std::memset(result->displayImage, 0,
+                static_cast<std::size_t>(params->imageWidth) *
+                    static_cast<std::size_t>(params->imageHeight));
+    renderWaterColumnImage(result->beamImage, B, n, beamAngles, params->sectorPort,
+                           params->sectorStarboard, params->beamSpacing, params->imageGain,
+                           result->displayImage, params->imageWidth, &retained.grid, &ws.wedge);
+
+    // 16. Gates of the next ping.
+    for (int32_t b = 0; b < B; ++b) {
+        retained.gateTable[b] = firstEchoSample / 4;
+        retained.gateTable[B + b] = n - 1;
+    }
+
+    // 17. Side-scan waterfall.
+    updateSideScanWaterfall(result->beamImage, B, n, result->beamAngleCopies,
+                            result->bottomSample, result->sideScanImage, params->sideScanMode,
+                            params->sideScanRows, firstEchoSample, ws.waterfall);
+    return true;
+}
+
+}  // namespace kvane
+
+extern "C" KVANE_API void kVaneProcess20(KVaneParams* params, KVaneInput* input,
+                                         KVaneResult* result) {
+    kvane::processPing(params, input, result);
+}
+
+extern "C" KVANE_API void kVaneProcess7420(KVaneParams* params, void* /*unused*/,
+                                           KVaneResult* result, void* raw, int32_t rawBytes) {
+    if (raw == nullptr || rawBytes < 512 || result == nullptr) return;
+    KVaneInput input{};
+    input.planeI = static_cast<int32_t*>(raw);
+    input.planeQ = reinterpret_cast<int32_t*>(static_cast<char*>(raw) + rawBytes / 2);
+    input.sampleCount = rawBytes / 512;
+    if (!kvane::processPing(params, &input, result)) return;
+    // Dither of +-0.5 sample, reseeded from the clock on every ping. glibc's
+    // rand() spans 31 bits; its top 15 bits keep the dither within half a sample.
+    std::srand(static_cast<unsigned>(std::time(nullptr)));
+    for (int i = 0; i < 256; ++i) {
+        const double r = static_cast<double>(std::rand() >> 16);
+        result->bottomSample[i] =
+            static_cast<float>(r / 32767.0 - 0.5 + static_cast<double>(result->bottomSample[i]));
+    }
+}

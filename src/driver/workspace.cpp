@@ -1,0 +1,188 @@
+// workspace.cpp - the Malloc and Free entry points and the global workspace.
+#include "workspace.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "../../include/kVane.h"
+
+namespace kvane {
+
+KVaneWorkspace ws{};
+
+namespace {
+KVaneRetained makeRetained() {
+    KVaneRetained r{};
+    for (int i = 0; i < 256; ++i) r.gateTable[i] = 10;
+    for (int i = 256; i < 512; ++i) r.gateTable[i] = 8000;
+    r.firstBeamPending = 1;
+    return r;
+}
+
+EchoCandidate* candidateRecords = nullptr;
+
+template <typename T>
+T* alloc(std::size_t count) {
+    return static_cast<T*>(alignedAlloc(count, sizeof(T)));
+}
+
+template <typename T>
+void release(T*& p) {
+    alignedFree(p);
+    p = nullptr;
+}
+}  // namespace
+
+KVaneRetained retained = makeRetained();
+EchoCandidate* candidateSlots[1536] = {};
+
+namespace {
+
+void buildWorkspace() {
+    if (ws.built) return;  // a second Malloc without Free keeps the first workspace
+    constexpr std::size_t kChannelSet = 512000;
+    constexpr std::size_t kBeamSet = 2048000;
+    constexpr std::size_t kLine = 8000;
+
+    ws.channelI = alloc<float>(kChannelSet);
+    ws.channelQ = alloc<float>(kChannelSet);
+    ws.rawChannels = alloc<cfloat>(kChannelSet);
+    ws.filteredChannels = alloc<cfloat>(kChannelSet);
+    ws.channelEnvelope = alloc<float>(kChannelSet);
+    ws.magnitudeBySample = alloc<float>(kChannelSet);
+    ws.gainReal = alloc<float>(kLine);
+    // The per-sample fixed gain has no source in the kernel: ones make it neutral.
+    for (std::size_t i = 0; i < kLine; ++i) ws.gainReal[i] = 1.0f;
+    ws.segFilteredIq = alloc<cfloat>(kChannelSet);
+    ws.segChannelIq = alloc<cfloat>(kChannelSet);
+    ws.segBeamIq = alloc<cfloat>(kBeamSet);
+    ws.segSplitIq = alloc<cfloat>(kBeamSet);
+    ws.formedBeamIq = alloc<cfloat>(kBeamSet);
+    ws.splitBeamIq = alloc<cfloat>(kBeamSet);
+    ws.beamEnvelope = alloc<float>(kBeamSet);
+    ws.beamEnvelopeBySample = alloc<float>(kBeamSet);
+    ws.steerMatrix = alloc<cfloat>(256 * 64);
+
+    ws.split.subBeamLow = alloc<cfloat>(kBeamSet);
+    ws.split.subBeamMid = alloc<cfloat>(kBeamSet);
+    ws.split.subBeamHigh = alloc<cfloat>(kBeamSet);
+    ws.split.correlationSum = alloc<cfloat>(kBeamSet);
+    ws.split.alignedChannels = alloc<cfloat>(kChannelSet + 8);
+    ws.split.alignScratch = alloc<cfloat>(kTeamCapacity * (kLine + 8));
+
+    ws.detect.envelopeWork = alloc<float>(kLine + 8);
+    ws.detect.iqWork = alloc<cfloat>(kLine + 8);
+    ws.detect.gateIq = alloc<cfloat>(kLine + 8);
+    ws.detect.gateI = alloc<float>(kLine + 8);
+    ws.detect.gateQ = alloc<float>(kLine + 8);
+    ws.detect.gatePhase = alloc<float>(kLine + 8);
+    ws.detect.scratchA = alloc<float>(kLine + 8);
+    ws.detect.scratchB = alloc<float>(kLine + 8);
+
+    retained.grid.x = alloc<float>(kGridCapacity);
+    retained.grid.y = alloc<float>(kGridCapacity);
+    retained.grid.range = alloc<float>(kGridCapacity);
+    retained.grid.beam = alloc<float>(kGridCapacity);
+    ws.wedge.sampleMajor = alloc<float>(kBeamSet);
+    ws.wedge.regrid = alloc<float>(kBeamSet);
+    ws.wedge.angleGrid = alloc<float>(256);
+    ws.wedge.sourceBeam = alloc<int32_t>(256);
+    ws.wedge.pixelLevels = alloc<float>(kGridCapacity);
+    ws.wedge.pixelBytes = alloc<uint8_t>(kGridCapacity);
+    ws.waterfall = alloc<float>(static_cast<std::size_t>(kWaterfallRows) * kWaterfallRowLength);
+
+    candidateRecords = static_cast<EchoCandidate*>(std::calloc(1536, sizeof(EchoCandidate)));
+    for (int i = 0; i < 1536; ++i) candidateSlots[i] = candidateRecords ? candidateRecords + i : nullptr;
+    for (int i = 0; i < 256; ++i) retained.gateTable[i] = 10;
+    for (int i = 256; i < 512; ++i) retained.gateTable[i] = 8000;
+
+    // Every buffer must exist before a ping may run; a failed allocation
+    // leaves the workspace unbuilt and pings are skipped.
+    void* all[] = {ws.channelI, ws.channelQ, ws.rawChannels, ws.filteredChannels,
+                   ws.channelEnvelope, ws.magnitudeBySample, ws.gainReal, ws.segFilteredIq,
+                   ws.segChannelIq, ws.segBeamIq, ws.segSplitIq, ws.formedBeamIq,
+                   ws.splitBeamIq, ws.beamEnvelope, ws.beamEnvelopeBySample, ws.steerMatrix,
+                   ws.split.subBeamLow, ws.split.subBeamMid, ws.split.subBeamHigh,
+                   ws.split.correlationSum, ws.split.alignedChannels, ws.split.alignScratch,
+                   ws.detect.envelopeWork, ws.detect.iqWork, ws.detect.gateIq, ws.detect.gateI,
+                   ws.detect.gateQ, ws.detect.gatePhase, ws.detect.scratchA, ws.detect.scratchB,
+                   retained.grid.x, retained.grid.y, retained.grid.range, retained.grid.beam,
+                   ws.wedge.sampleMajor, ws.wedge.regrid, ws.wedge.angleGrid,
+                   ws.wedge.sourceBeam, ws.wedge.pixelLevels, ws.wedge.pixelBytes,
+                   ws.waterfall, candidateRecords};
+    bool ok = true;
+    for (void* p : all) ok = ok && p != nullptr;
+    ws.built = ok;
+}
+
+void releaseWorkspace() {
+    release(ws.channelI);
+    release(ws.channelQ);
+    release(ws.rawChannels);
+    release(ws.filteredChannels);
+    release(ws.channelEnvelope);
+    release(ws.magnitudeBySample);
+    release(ws.gainReal);
+    release(ws.segFilteredIq);
+    release(ws.segChannelIq);
+    release(ws.segBeamIq);
+    release(ws.segSplitIq);
+    release(ws.formedBeamIq);
+    release(ws.splitBeamIq);
+    release(ws.beamEnvelope);
+    release(ws.beamEnvelopeBySample);
+    release(ws.steerMatrix);
+    release(ws.split.subBeamLow);
+    release(ws.split.subBeamMid);
+    release(ws.split.subBeamHigh);
+    release(ws.split.correlationSum);
+    release(ws.split.alignedChannels);
+    release(ws.split.alignScratch);
+    release(ws.detect.envelopeWork);
+    release(ws.detect.iqWork);
+    release(ws.detect.gateIq);
+    release(ws.detect.gateI);
+    release(ws.detect.gateQ);
+    release(ws.detect.gatePhase);
+    release(ws.detect.scratchA);
+    release(ws.detect.scratchB);
+    // The grid's signature and sizes stay (retained state); its buffers go.
+    release(retained.grid.x);
+    release(retained.grid.y);
+    release(retained.grid.range);
+    release(retained.grid.beam);
+    release(ws.wedge.sampleMajor);
+    release(ws.wedge.regrid);
+    release(ws.wedge.angleGrid);
+    release(ws.wedge.sourceBeam);
+    release(ws.wedge.pixelLevels);
+    release(ws.wedge.pixelBytes);
+    release(ws.waterfall);
+    std::free(candidateRecords);
+    candidateRecords = nullptr;
+    for (auto& slot : candidateSlots) slot = nullptr;
+    ws.built = false;
+    ws.built7420 = false;
+}
+
+}  // namespace
+}  // namespace kvane
+
+using namespace kvane;
+
+// Both Malloc variants build the same workspace: the raw-rate front end and
+// the spare buffers that kVaneMalloc7420 would add feed no output, so they are
+// not built. Both Free variants release everything, so any pairing of Malloc
+// and Free is safe and leaks nothing.
+extern "C" KVANE_API void kVaneMalloc(void) { buildWorkspace(); }
+
+extern "C" KVANE_API void kVaneMalloc7420(void) {
+    buildWorkspace();
+    ws.built7420 = ws.built;
+}
+
+extern "C" KVANE_API void kVaneFree(void) { releaseWorkspace(); }
+
+extern "C" KVANE_API void kVaneFree7420(void) { releaseWorkspace(); }
+
+extern "C" KVANE_API void kVaneProcess80(void) {}

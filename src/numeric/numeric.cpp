@@ -1,0 +1,109 @@
+// numeric.cpp - the shared plain operations, over OpenBLAS and OpenMP.
+#include "numeric.h"
+
+#include <cblas.h>
+#include <omp.h>
+#include <sys/mman.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+namespace kvane {
+
+int teamSize() {
+    int t = omp_get_max_threads();
+    return t < kTeamCapacity ? (t < 1 ? 1 : t) : kTeamCapacity;
+}
+
+void setMatrixThreads(int threads) { openblas_set_num_threads(threads); }
+
+// Workspace buffers come straight from the system as anonymous mappings:
+// page-aligned (so 64-byte aligned), reading as zeros, and resident only where
+// a ping actually touches them. A 64-byte header in front keeps the size for
+// the release.
+void* alignedAlloc(std::size_t count, std::size_t elemSize) {
+    if (count < 1 || elemSize < 1) return nullptr;
+    const std::size_t bytes = count * elemSize + 64;
+    void* base = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (base == MAP_FAILED) return nullptr;
+    *static_cast<std::size_t*>(base) = bytes;
+    return static_cast<char*>(base) + 64;
+}
+
+void alignedFree(void* p) {
+    if (p == nullptr) return;
+    void* base = static_cast<char*>(p) - 64;
+    munmap(base, *static_cast<std::size_t*>(base));
+}
+
+float roundHalfAway(float x) { return std::round(x); }
+
+void transpose(float* out, const float* in, int rows, int cols) {
+    if (rows < 1 || cols < 1) return;
+    cblas_somatcopy(CblasRowMajor, CblasTrans, rows, cols, 1.0f, in, cols, out, rows);
+}
+
+void transpose(cfloat* out, const cfloat* in, int rows, int cols) {
+    if (rows < 1 || cols < 1) return;
+    const float one[2] = {1.0f, 0.0f};
+    cblas_comatcopy(CblasRowMajor, CblasTrans, rows, cols, one,
+                    reinterpret_cast<const float*>(in), cols, reinterpret_cast<float*>(out), rows);
+}
+
+void magnitude(float* out, const cfloat* in, int n) {
+    for (int i = 0; i < n; ++i) out[i] = std::sqrt(in[i].re * in[i].re + in[i].im * in[i].im);
+}
+
+float mean(const float* x, int n) {
+    if (n < 1) return 0.0f;
+    double s = 0.0;
+    for (int i = 0; i < n; ++i) s += x[i];
+    return static_cast<float>(s / n);
+}
+
+float stdDev(const float* x, int n) {
+    if (n < 2) return 0.0f;
+    double s = 0.0;
+    for (int i = 0; i < n; ++i) s += x[i];
+    const double m = s / n;
+    double q = 0.0;
+    for (int i = 0; i < n; ++i) q += (x[i] - m) * (x[i] - m);
+    return static_cast<float>(std::sqrt(q / (n - 1)));
+}
+
+int decimatedMovingAverage(float* out, const float* x, int n, int width, int step) {
+    if (n < 1 || width < 1 || step < 1) return 0;
+    const int outLen = (n + step - 1) / step;
+    const int half = width / 2;
+    for (int i = 0; i < outLen; ++i) {
+        const int c = i * step;
+        float s = 0.0f;
+        for (int k = c - half; k <= c + half; ++k) {
+            const int j = k < 0 ? 0 : (k >= n ? n - 1 : k);
+            s += x[j];
+        }
+        out[i] = s / static_cast<float>(width);
+    }
+    return outLen;
+}
+
+void runningMedianCausal(float* out, const float* in, int n, int mask) {
+    if (n < 1 || mask < 1) return;
+    if (mask % 2 == 0) mask -= 1;
+    if (mask < 1) mask = 1;
+    std::vector<float> src(in, in + n);
+    std::vector<float> win(static_cast<std::size_t>(mask));
+    for (int i = 0; i < n; ++i) {
+        for (int k = 0; k < mask; ++k) {
+            const int j = i - mask + 1 + k;
+            win[static_cast<std::size_t>(k)] = src[static_cast<std::size_t>(j < 0 ? 0 : j)];
+        }
+        std::nth_element(win.begin(), win.begin() + mask / 2, win.end());
+        out[i] = win[static_cast<std::size_t>(mask / 2)];
+    }
+}
+
+}  // namespace kvane

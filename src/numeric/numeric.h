@@ -1,0 +1,60 @@
+// numeric.h - the plain vector and matrix operations the stages share.
+//
+// Conventions of every operation here: output first, then inputs, then the
+// length. A length below 1 changes nothing (stages rely on that for empty
+// lists). Single precision unless a name says otherwise.
+#pragma once
+
+#include <cstdint>
+#include <cstddef>
+
+namespace kvane {
+
+// A complex sample: real part, then imaginary part (layout of two floats,
+// as the matrix library expects).
+struct cfloat {
+    float re;
+    float im;
+};
+
+// Size of the thread team of every parallel loop: the design value 3, but not
+// more than OpenMP would run (so OMP_NUM_THREADS=1 runs serially). Scratch
+// buffers that are split per thread hold three slices.
+constexpr int kTeamCapacity = 3;
+int teamSize();
+
+// Sets the matrix library's thread count (OpenBLAS).
+void setMatrixThreads(int threads);
+
+// 64-byte aligned, zero-filled allocation of count elements of elemSize bytes;
+// nullptr for count < 1. Release with alignedFree.
+void* alignedAlloc(std::size_t count, std::size_t elemSize);
+void alignedFree(void* p);
+
+// Round half away from zero.
+float roundHalfAway(float x);
+
+// Row-major transposition: out (cols rows of rows) from in (rows rows of cols),
+// out[c * rows + r] = in[r * cols + c].
+void transpose(float* out, const float* in, int rows, int cols);
+void transpose(cfloat* out, const cfloat* in, int rows, int cols);
+
+// Magnitude sqrt(re^2 + im^2) of n complex samples.
+void magnitude(float* out, const cfloat* in, int n);
+
+// Mean of n floats, accumulated in double precision, rounded to float.
+float mean(const float* x, int n);
+// Sample standard deviation (divisor n - 1), accumulated in double.
+float stdDev(const float* x, int n);
+
+// decimatedMovingAverage: out[i] for i < ceil(n / step) is the mean of the
+// width (odd) inputs centred on x[i * step]; indices outside 0..n-1 read the
+// nearest end sample. Returns the output length.
+int decimatedMovingAverage(float* out, const float* x, int n, int width, int step);
+
+// Causal running median: out[i] is the median of in[i - mask + 1 .. i], inputs
+// before the first equal to in[0]. An even mask is lowered by one. out may
+// equal in.
+void runningMedianCausal(float* out, const float* in, int n, int mask);
+
+}  // namespace kvane

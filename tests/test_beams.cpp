@@ -1,0 +1,2 @@
+// test_beams.cpp
+#include <gtest/gtest.h>

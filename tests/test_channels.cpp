@@ -1,0 +1,2 @@
+// test_channels.cpp
+#include <gtest/gtest.h>

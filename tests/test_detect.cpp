@@ -1,0 +1,2 @@
+// test_detect.cpp
+#include <gtest/gtest.h>

@@ -1,0 +1,2 @@
+// test_endtoend.cpp
+#include <gtest/gtest.h>

@@ -1,0 +1,2 @@
+// test_line.cpp
+#include <gtest/gtest.h>

@@ -1,0 +1,2 @@
+// test_pictures.cpp
+#include <gtest/gtest.h>

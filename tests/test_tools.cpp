@@ -1,0 +1,2 @@
+// test_tools.cpp
+#include <gtest/gtest.h>

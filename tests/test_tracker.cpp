@@ -1,0 +1,2 @@
+// test_tracker.cpp
+#include <gtest/gtest.h>

@@ -1,0 +1,2 @@
+// main.cpp - kvane-simulate, stub.
+int main() { return 0; }
