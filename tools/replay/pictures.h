@@ -11,3 +11,16 @@ std::string writePng(const std::string& path, const uint8_t* pixels, int width, 
                      int channels);
 
 }  // namespace kvreplay
+
+#include "kVane.h"
+
+namespace kvreplay {
+
+// Writes the pictures of one ping that has just been processed:
+// <prefix>wedge.png (displayImage), <prefix>waterfall.png (sideScanImage, scaled
+// to 8 bits) and <prefix>beams.png (beamImage, beams across, samples down, log
+// scale, bottom line drawn over it). Returns an empty string or a one-line message.
+std::string writePingPictures(const std::string& prefix, const KVaneParams& params,
+                              const KVaneResult& result, int32_t sampleCount);
+
+}  // namespace kvreplay

@@ -1,0 +1,2 @@
+// test_smoothing.cpp
+#include <gtest/gtest.h>
