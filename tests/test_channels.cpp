@@ -1,2 +1,292 @@
-// test_channels.cpp
+// test_channels.cpp - the head of the ping: channel conditioning, the
+// first-echo history, the fixed gain, first echo detection and the channel
+// gain equaliser.
 #include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <vector>
+
+#include "driver/driver.h"
+#include "driver/workspace.h"
+#include "frontend/frontend.h"
+#include "kVane.h"
+
+namespace {
+
+using kvane::cfloat;
+constexpr int kCh = 64;
+
+struct Channels {
+    std::vector<cfloat> raw, filtered;
+    std::vector<float> chI, chQ;
+};
+
+Channels condition(const std::vector<int32_t>& planeI, const std::vector<int32_t>& planeQ, int n) {
+    Channels c{std::vector<cfloat>(kCh * n), std::vector<cfloat>(kCh * n),
+               std::vector<float>(kCh * n), std::vector<float>(kCh * n)};
+    kvane::conditionChannels(c.raw.data(), c.filtered.data(), c.chI.data(), c.chQ.data(),
+                             planeI.data(), planeQ.data(), n);
+    return c;
+}
+
+// The driver's route from channels to the first echo: magnitudes, sample-major.
+int32_t firstEchoOf(const std::vector<cfloat>& raw, int n) {
+    std::vector<float> env(kCh * n), bySample(kCh * n);
+    kvane::magnitude(env.data(), raw.data(), kCh * n);
+    kvane::transpose(bySample.data(), env.data(), kCh, n);
+    return kvane::detectFirstEcho(bySample.data(), n);
+}
+
+// Deterministic uniform numbers in [0, 1).
+struct Lcg {
+    uint32_t s;
+    float next() {
+        s = s * 1664525u + 1013904223u;
+        return static_cast<float>(s >> 8) / 16777216.0f;
+    }
+};
+
+TEST(ChannelConditioning, ScalesFullRangeAndShiftsFifteenSamples) {
+    for (int n : {15, 40}) {
+        std::vector<int32_t> pi(kCh * n), pq(kCh * n);
+        for (int i = 0; i < kCh * n; ++i) {
+            pi[i] = i * 1000 + 7;
+            pq[i] = -pi[i];
+        }
+        pi[5 * n + 14] = std::numeric_limits<int32_t>::max();
+        pq[5 * n + 14] = std::numeric_limits<int32_t>::min();
+        const Channels ch = condition(pi, pq, n);
+        EXPECT_NEAR(ch.chI[5 * n + 14], 10737.418f, 0.01f);
+        EXPECT_NEAR(ch.chQ[5 * n + 14], -10737.418f, 0.01f);
+        for (int c = 0; c < kCh; ++c)
+            for (int t = 0; t < n; ++t) {
+                // Sample t + 15 moves to t; the last 15 positions keep their
+                // own samples, which repeat the 15 before them. Rows of 15
+                // samples or fewer stay as they are.
+                const int src = n > 15 && t < n - 15 ? t + 15 : t;
+                const double want = static_cast<double>(pi[c * n + src]) * 5e-6;
+                const cfloat r = ch.raw[c * n + t];
+                ASSERT_NEAR(r.re, want, 1e-6 * std::fabs(want) + 1e-6) << n << " " << c << " " << t;
+                ASSERT_NEAR(r.im, -want, 1e-6 * std::fabs(want) + 1e-6);
+                ASSERT_EQ(r.re, ch.filtered[c * n + t].re);  // the one-tap filter is 1.0
+                ASSERT_EQ(r.im, ch.filtered[c * n + t].im);
+            }
+    }
+}
+
+TEST(ChannelConditioning, FixedGainMultipliesFilteredRows) {
+    const int n = 30;
+    std::vector<cfloat> rows(kCh * n), before;
+    for (int i = 0; i < kCh * n; ++i) rows[i] = cfloat{0.5f * i, -0.25f * i};
+    before = rows;
+    std::vector<float> ones(n, 1.0f), ramp(n);
+    kvane::applyFixedGain(rows.data(), ones.data(), n);
+    for (int i = 0; i < kCh * n; ++i) {
+        ASSERT_EQ(rows[i].re, before[i].re);
+        ASSERT_EQ(rows[i].im, before[i].im);
+    }
+    for (int t = 0; t < n; ++t) ramp[t] = static_cast<float>(t);
+    kvane::applyFixedGain(rows.data(), ramp.data(), n);
+    for (int c = 0; c < kCh; ++c)
+        for (int t = 0; t < n; ++t) {
+            ASSERT_EQ(rows[c * n + t].re, before[c * n + t].re * t);
+            ASSERT_EQ(rows[c * n + t].im, before[c * n + t].im * t);
+        }
+    // The workspace's gain starts at ones, so the switched-on fixed gain is
+    // neutral until a host writes its own.
+    kVaneMalloc();
+    for (int t = 0; t < 8000; ++t) ASSERT_EQ(kvane::ws.gainReal[t], 1.0f);
+    kVaneFree();
+}
+
+TEST(FirstEchoHistory, OverlappingShiftAndMedian) {
+    int32_t h[7] = {};
+    EXPECT_EQ(kvane::updateFirstEchoHistory(h, 50), 50);  // median 0: the largest stands in
+    const int32_t afterFirst[7] = {50, 0, 0, 0, 0, 0, 0};
+    for (int i = 0; i < 7; ++i) EXPECT_EQ(h[i], afterFirst[i]);
+
+    int32_t g[7] = {10, 20, 30, 40, 50, 60, 70};
+    EXPECT_EQ(kvane::updateFirstEchoHistory(g, 80), 40);
+    const int32_t stored[7] = {80, 10, 20, 30, 40, 40, 60};
+    for (int i = 0; i < 7; ++i) EXPECT_EQ(g[i], stored[i]);
+}
+
+// A mask of 0/1 floats with the given runs set high.
+std::vector<float> maskWithHighRuns(int n, std::initializer_list<std::pair<int, int>> runs) {
+    std::vector<float> m(n, 0.0f);
+    for (auto [from, to] : runs)
+        for (int t = from; t <= to; ++t) m[t] = 1.0f;
+    return m;
+}
+
+TEST(FirstEchoRise, EdgesAndGaps) {
+    const int n = 400;
+    const std::vector<float> flat(n, 1.0f);
+    // Never rising: all low, or high from sample 19 on.
+    EXPECT_EQ(kvane::pickFirstEchoRise(maskWithHighRuns(n, {}).data(), flat.data(), n), 20);
+    EXPECT_EQ(kvane::pickFirstEchoRise(maskWithHighRuns(n, {{19, n - 1}}).data(), flat.data(), n), 20);
+    // Low at 20, one rise and no fall: the gap runs from 20 to the rise.
+    EXPECT_EQ(kvane::pickFirstEchoRise(maskWithHighRuns(n, {{101, n - 1}}).data(), flat.data(), n), 100);
+    // High at 20, falls at 60, rises at 150: the rise, not the fall.
+    EXPECT_EQ(kvane::pickFirstEchoRise(maskWithHighRuns(n, {{0, 59}, {151, n - 1}}).data(),
+                                       flat.data(), n), 150);
+}
+
+TEST(FirstEchoRise, WalkOverBursts) {
+    const int n = 500;
+    // Gaps [20, 100] and [f, 300], the second closed by the echo.
+    auto pick = [&](int nextFall, float firstLevel, float secondLevel) {
+        std::vector<float> trace(n, 50.0f);
+        for (int t = 0; t <= 100; ++t) trace[t] = firstLevel;
+        for (int t = nextFall; t <= 300; ++t) trace[t] = secondLevel;
+        const auto mask = maskWithHighRuns(n, {{101, nextFall - 1}, {301, n - 1}});
+        return kvane::pickFirstEchoRise(mask.data(), trace.data(), n);
+    };
+    // The next gap opening 50 samples after the rise is stepped into, 51 stops.
+    EXPECT_EQ(pick(150, 1.0f, 1.0f), 300);
+    EXPECT_EQ(pick(151, 1.0f, 1.0f), 100);
+    // Level of the next gap: exactly 1.2 times the quietest goes on (6 = 1.2 * 5
+    // in double), the float nearest 1.2 is above 1.2 in double and stops.
+    EXPECT_EQ(pick(120, 5.0f, 6.0f), 300);
+    EXPECT_EQ(pick(120, 1.0f, 1.2f), 100);
+    // The walk starts at the quietest gap and never goes back.
+    EXPECT_EQ(pick(200, 3.0f, 1.0f), 300);
+    EXPECT_EQ(pick(200, 1.0f, 1.1f), 100);
+}
+
+// Synthetic ping: 64 channels of noise of about 1.0 (after scaling) with random
+// phases, and an echo of amplitude `echo` from raw sample onset for 300 samples.
+int32_t firstEchoOfPing(int n, int onset, float echo, uint32_t seed) {
+    Lcg rng{seed};
+    std::vector<int32_t> pi(kCh * n), pq(kCh * n);
+    for (int c = 0; c < kCh; ++c)
+        for (int t = 0; t < n; ++t) {
+            float a = 200000.0f * (0.5f + rng.next());
+            if (t >= onset && t < onset + 300) a += echo * 200000.0f;
+            const float phase = 6.2831853f * rng.next();
+            pi[c * n + t] = static_cast<int32_t>(a * std::cos(phase));
+            pq[c * n + t] = static_cast<int32_t>(a * std::sin(phase));
+        }
+    return firstEchoOf(condition(pi, pq, n).raw, n);
+}
+
+TEST(FirstEcho, FallBackAndEchoOnset) {
+    // Too short, silent, or without structure: the fall-back 20.
+    std::vector<float> loud(kCh * 21, 100.0f);
+    for (int c = 0; c < kCh; ++c) loud[10 * kCh + c] = 0.0f;
+    EXPECT_EQ(kvane::detectFirstEcho(loud.data(), 21), 20);
+    std::vector<float> silent(kCh * 1000, 0.0f), level(kCh * 1000, 3.0f);
+    EXPECT_EQ(kvane::detectFirstEcho(silent.data(), 1000), 20);
+    EXPECT_EQ(kvane::detectFirstEcho(level.data(), 1000), 20);
+
+    // The echo at raw sample s stands at s - 15 after conditioning. The
+    // smoothing sees it up to 10 samples early, and the last quiet sample is
+    // reported, so the answer lies in [s - 26, s - 16].
+    for (int onset : {300, 1234, 2900}) {
+        const int32_t first = firstEchoOfPing(4000, onset, 40.0f, 17u + onset);
+        EXPECT_GE(first, onset - 26) << onset;
+        EXPECT_LE(first, onset - 16) << onset;
+    }
+}
+
+TEST(FirstEcho, ShortBurstInWaterColumnIsSteppedOver) {
+    const int n = 3000;
+    std::vector<float> mag(kCh * n);
+    Lcg rng{99u};
+    for (int t = 0; t < n; ++t)
+        for (int c = 0; c < kCh; ++c) {
+            float a = 0.5f + rng.next();
+            if (t >= 600 && t < 620) a += 30.0f;    // a fish, 20 samples
+            if (t >= 1500 && t < 1800) a += 40.0f;  // the seabed
+            mag[t * kCh + c] = a;
+        }
+    const int32_t first = kvane::detectFirstEcho(mag.data(), n);
+    EXPECT_GE(first, 1490);
+    EXPECT_LE(first, 1499);
+}
+
+// Gain equaliser on 64 rows of n, row c of channel 0's magnitude times (c + 1),
+// with a per-row phase.
+struct GainCase {
+    std::vector<cfloat> before, after;
+    std::vector<float> profile;
+    int32_t onset = 0;
+};
+
+GainCase equalise(int n, float (*amplitude)(int)) {
+    GainCase g;
+    g.before.resize(kCh * n);
+    for (int c = 0; c < kCh; ++c)
+        for (int t = 0; t < n; ++t) {
+            const float a = amplitude(t) * (c + 1);
+            g.before[c * n + t] = cfloat{a * std::cos(0.1f * c), a * std::sin(0.1f * c)};
+        }
+    g.after = g.before;
+    g.profile.assign(n > 600 ? n : 600, -99.0f);
+    kvane::equaliseChannelGain(g.after.data(), g.profile.data(), &g.onset, n);
+    return g;
+}
+
+void expectRowsScaled(const GainCase& g, int n, int t, float gain, float tol) {
+    for (int c = 0; c < kCh; c += 9) {
+        const cfloat a = g.before[c * n + t], b = g.after[c * n + t];
+        ASSERT_NEAR(b.re, a.re * gain, tol * std::fabs(a.re) + 1e-6f) << c << " " << t;
+        ASSERT_NEAR(b.im, a.im * gain, tol * std::fabs(a.im) + 1e-6f) << c << " " << t;
+    }
+}
+
+TEST(GainEqualiser, LoudSignalSettlesAtTargetPower) {
+    const int n = 2210;  // 100 processed blocks and a last block of 10 samples
+    const GainCase g = equalise(n, [](int) { return 100.0f; });
+    const float settled = std::exp((6.907755f - std::log(1e4f)) / 2.0f);  // power 1000
+    for (int t = 0; t < 2000; ++t) expectRowsScaled(g, n, t, settled, 1e-4f);
+    for (int t = 2200; t < n; ++t) expectRowsScaled(g, n, t, 1.0f, 0.0f);
+    for (int t = 600; t < 2000; ++t) ASSERT_NEAR(g.profile[t], settled, 1e-4f * settled);
+    for (int k = 0; k < 90; ++k) ASSERT_NEAR(g.profile[k], -10.0f, 1e-3f) << k;  // power 1e4 -> 1e3
+    for (int k = 100; k < 600; ++k) ASSERT_EQ(g.profile[k], 0.0f);
+    EXPECT_EQ(g.onset, -5);
+}
+
+TEST(GainEqualiser, QuietSignalIsNeverAmplified) {
+    const int n = 1000;
+    const GainCase g = equalise(n, [](int) { return 10.0f; });
+    for (int i = 0; i < kCh * n; ++i) {
+        ASSERT_EQ(g.after[i].re, g.before[i].re);
+        ASSERT_EQ(g.after[i].im, g.before[i].im);
+    }
+    for (int k = 0; k < 600; ++k) ASSERT_EQ(g.profile[k], 0.0f);
+    for (int t = 600; t < n; ++t) ASSERT_EQ(g.profile[t], 1.0f);
+}
+
+TEST(GainEqualiser, ShortPingsAndTheUnprocessedLastBlock) {
+    for (int n : {1, 21, 22}) {
+        const GainCase g = equalise(n, [](int) { return 100.0f; });
+        for (int i = 0; i < kCh * n; ++i) ASSERT_EQ(g.after[i].re, g.before[i].re) << n;
+        for (int k = 0; k < 600; ++k) ASSERT_EQ(g.profile[k], 0.0f) << n;
+    }
+    const GainCase g = equalise(44, [](int) { return 100.0f; });
+    for (int t = 0; t < 22; ++t) ASSERT_LT(std::fabs(g.after[t].re), 0.99f * std::fabs(g.before[t].re));
+    for (int t = 22; t < 44; ++t) expectRowsScaled(g, 44, t, 1.0f, 0.0f);
+}
+
+TEST(GainEqualiser, RunsBackwardsInTime) {
+    // Quiet water and an echo over blocks 46 to 49 (samples 1012..1099). The
+    // gain falls at the echo's end and recovers only before its start: the
+    // block before the echo is attenuated, the block after it is not.
+    const int n = 2000;
+    const GainCase g = equalise(n, [](int t) { return t >= 1012 && t < 1100 ? 100.0f : 10.0f; });
+    expectRowsScaled(g, n, 1000, g.profile[1000], 0.0f);
+    EXPECT_LT(g.profile[1000], 0.5f);
+    EXPECT_LT(g.profile[1050], 0.32f);
+    EXPECT_EQ(g.profile[1100], 1.0f);
+    EXPECT_EQ(g.profile[989], 1.0f);
+
+    // Onset: loud from sample 500; the first gain of 0.5 or less is at 499,
+    // where the backward loop has already settled on the loud part.
+    const GainCase o = equalise(n, [](int t) { return t >= 500 ? 100.0f : 10.0f; });
+    EXPECT_EQ(o.onset, 494);
+}
+
+}  // namespace

@@ -13,6 +13,13 @@ namespace kvane {
 // Returns 20 when nothing rises.
 int32_t detectFirstEcho(const float* magnitudeBySample, int32_t sampleCount);
 
+// One threshold pass of detectFirstEcho: from a 0/1 mask (sampleCount floats)
+// and the smoothed trace it was cut from (sampleCount floats), the rise that
+// closes the quietest low gap from sample 20 on, walking on over bursts that
+// end at most 50 samples after a rise into later gaps whose level is at most
+// 1.2 times the quietest. Returns 20 when the mask never rises.
+int32_t pickFirstEchoRise(const float* mask, const float* trace, int32_t sampleCount);
+
 // Optional automatic gain: pulls strong parts of the ping towards a power of
 // 1000 in 22-sample blocks. filteredChannels: 64 rows of sampleCount, changed
 // in place. gainProfile: at least max(sampleCount, 600) floats (dB values of
@@ -49,6 +56,26 @@ void correlateSubAperturesSectioned(const cfloat* channelBlock, int32_t sampleCo
                                     const float* beamAngles, int32_t beamCount,
                                     cfloat* splitCorrelation, const SplitScratch* scratch);
 
+// One section of the fan for the sectioned correlator: beams first - 1 to
+// last - 1 (borders count from 1), aligned for centreBeam (zero-based).
+struct SplitSection {
+    int32_t first;
+    int32_t last;
+    int32_t centreBeam;
+};
+constexpr int32_t kSplitSections = 15;
+// The 15 sections of a fan of beamCount beams (1..256).
+void splitSections(SplitSection* sections, int32_t beamCount);
+
+// The 5-tap fractional delay filter for a delay of d samples (centre tap 2),
+// normalised to unit gain at zero frequency, in single precision.
+void fractionalDelayTaps(float* taps, double d);
+
+// Closing of both correlators over count samples:
+// out = 0.5 * (low * conj(mid) + mid * conj(high)).
+void closeSplitCorrelation(cfloat* out, const cfloat* low, const cfloat* mid,
+                           const cfloat* high, int64_t count);
+
 // Across-swath tracker. candidateTable: beamCount rows of 6 candidate samples
 // (clamped to 1..sampleCount). trackCentre: 2 seeds of the last ping.
 // trackHistory: 3 rows of beamCount, newest in row 2. Writes
@@ -62,5 +89,19 @@ void trackDetectedSoundings(const int32_t* candidateTable, int32_t beamCount,
                             const float* beamAngles, float angleOffset,
                             int32_t* trackedSoundings, const float* trackHistory,
                             uint8_t* bottomFlag);
+
+// The walkers of one half of the fan, from its centre beam (row 0) outward.
+// rows: beams rows of 6 candidate samples, rescaled (and, for followHalfSwath,
+// sorted) in place. radians: beam angles. line, flags: beams entries out.
+// seed: fall-back start (a range, not scaled by the cosine).
+//
+// Keeps believable steps only; rejected beams end as 0 with flag 2.
+void followHalfSwath(float seed, float firstEchoSample, float* rows, int32_t beams,
+                     const float* radians, float* line, uint8_t* flags);
+// Always yields a value: a doubtful beam looks 20 rows ahead and at the
+// history (historyRows: beams rows of 3 earlier ranges).
+void followHalfSwathWithHistory(float seed, float firstEchoSample, float* rows, int32_t beams,
+                                const float* radians, float* line, const float* historyRows,
+                                uint8_t* flags);
 
 }  // namespace kvane
