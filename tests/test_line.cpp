@@ -1,2 +1,179 @@
-// test_line.cpp
+// test_line.cpp - the bottom line across the fan: smooth runs, bridging,
+// chaining, the two passes and their merge, and the completion.
 #include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <map>
+#include <random>
+#include <vector>
+
+#include "backend/backend.h"
+
+using namespace kvane;
+
+namespace {
+
+constexpr float kSamples = 8000.0f;
+constexpr float kGuard = -7.0f;
+
+// A flat seabed 50 m down under a fan of B beams over +-65 degrees:
+// 2 * D / cos(angle) / c * 20000 samples.
+float seabedSample(int beam, int B) {
+    const double angle = (-65.0 + 130.0 * beam / (B - 1)) * 3.14159265358979 / 180.0;
+    return static_cast<float>(std::round(2.0 * 50.0 / std::cos(angle) / 1500.0 * 20000.0));
+}
+
+// Six candidate rows of stride B (1.0: no candidate) with row 0 on the
+// seabed, and the result line; both with a guard behind their full size.
+struct Fan {
+    int B;
+    std::vector<float> candidates = std::vector<float>(1536 + 8, kGuard);
+    std::vector<float> bottom = std::vector<float>(1920 + 8, kGuard);
+    std::vector<uint8_t> flag = std::vector<uint8_t>(1920, 0);
+    std::vector<float> truth;
+
+    explicit Fan(int beams) : B(beams), truth(std::max(beams, 1)) {
+        std::fill_n(candidates.begin(), 1536, 0.0f);
+        std::fill_n(candidates.begin(), 6 * B, 1.0f);
+        std::fill_n(bottom.begin(), 1920, 0.0f);
+        for (int j = 0; j < B; ++j) truth[j] = row(0)[j] = seabedSample(j, B);
+    }
+    float* row(int c) { return candidates.data() + c * B; }
+    void trace(float n = kSamples) {
+        traceBottomCurve(candidates.data(), static_cast<float>(B), n, bottom.data());
+        completeBottomLine(bottom.data(), flag.data(), B);
+    }
+    bool guardsIntact() const {
+        for (int i = 0; i < 8; ++i)
+            if (candidates[1536 + i] != kGuard || bottom[1920 + i] != kGuard) return false;
+        return true;
+    }
+    // Every beam on the seabed with its own detection, except the listed
+    // beams: (value, flag).
+    void expectLine(const std::map<int, std::pair<float, int>>& except = {}) const {
+        for (int j = 0; j < B; ++j) {
+            const auto it = except.find(j);
+            EXPECT_EQ(bottom[j], it == except.end() ? truth[j] : it->second.first) << "beam " << j;
+            EXPECT_EQ(flag[j], it == except.end() ? 1 : it->second.second) << "beam " << j;
+        }
+    }
+};
+
+}  // namespace
+
+TEST(VertexAngle, Geometry) {
+    EXPECT_NEAR(vertexAngle({0, 0}, {1, 0}, {2, 1}), 135.0f, 1e-3f);
+    for (int k = 1; k < 200; ++k) {  // straight: 180, or NaN where the cosine rounds past -1
+        const float a = vertexAngle({fanX(k - 1), 0.3f + 0.001f * k}, {fanX(k), 0.301f + 0.001f * k},
+                                    {fanX(k + 1), 0.302f + 0.001f * k});
+        EXPECT_TRUE(std::isnan(a) || a > 179.9f) << a;
+    }
+    EXPECT_TRUE(std::isnan(vertexAngle({0.5f, 0.5f}, {0.5f, 0.5f}, {0.7f, 0.1f})));
+}
+
+TEST(LineStages, ChainGrowsFromTheLongestNearPortRun) {
+    // The seed is the longest of the first half of the runs that start before
+    // the centre; a two-beam run is passed over, not a stop.
+    Fan flat(256);
+    std::fill_n(flat.row(0), 256, 2000.0f);
+    std::fill_n(flat.bottom.begin(), 256, 2000.0f);
+    float start[256] = {2, 20, 105, 112, 115, 130}, end[256] = {10, 100, 110, 113, 120, 250};
+    int32_t count = 6;
+    extendBottomChain(flat.candidates.data(), 256.0f, kSamples, start, end, &count, flat.bottom.data());
+    ASSERT_EQ(count, 4);
+    EXPECT_EQ(std::vector<float>(start, start + 4), (std::vector<float>{20, 105, 115, 130}));
+    EXPECT_EQ(std::vector<float>(end, end + 4), (std::vector<float>{100, 110, 120, 250}));
+}
+
+TEST(TraceBottom, FlatSeabedIsTracedIntact) {
+    Fan fan(256);
+    std::mt19937 rng(7);
+    std::uniform_int_distribution<int> noise(2, 8000);
+    for (int c = 1; c < 6; ++c)
+        for (int j = 0; j < 256; ++j) fan.row(c)[j] = static_cast<float>(noise(rng));
+    fan.trace();
+    fan.expectLine();
+    EXPECT_TRUE(fan.guardsIntact());
+}
+
+TEST(TraceBottom, WrongOrMissingFirstCandidates) {
+    Fan fan(256);
+    fan.row(0)[100] = 600.0f;  // a lone outlier
+    fan.row(1)[100] = fan.truth[100];
+    for (int j = 140; j <= 155; ++j) {  // an erratic stretch, bridged from row 2
+        fan.row(0)[j] = (j % 2) ? 7000.0f : 6000.0f;
+        fan.row(2)[j] = fan.truth[j];
+    }
+    for (int j = 180; j <= 195; ++j) {  // smooth on its own but off the line: chained over
+        fan.row(0)[j] = 7000.0f;
+        fan.row(3)[j] = fan.truth[j];
+    }
+    fan.row(0)[70] = 1.0f;  // a hole filled from the first later row
+    fan.row(3)[70] = fan.truth[70];
+    fan.row(0)[60] = 1.0f;  // nothing in any row: the inner neighbour's value
+    fan.trace();
+    fan.expectLine({{60, {fan.truth[61], 2}}});
+}
+
+TEST(TraceBottom, RunsHuggingTheEndsOfTheFan) {
+    // Short deep runs at both ends are dropped; the ends repeat the outermost good beam.
+    Fan fan(256);
+    std::map<int, std::pair<float, int>> copied;
+    for (int j = 0; j <= 23; ++j) fan.row(0)[j] = 6000.0f, copied[j] = {fan.truth[24], 2};
+    for (int j = 232; j <= 255; ++j) fan.row(0)[j] = 6000.0f, copied[j] = {fan.truth[231], 2};
+    fan.trace();
+    fan.expectLine(copied);
+
+    // a run starting at beam 231 is not near enough to the end to be dropped
+    Fan starboard(256);
+    for (int j = 230; j <= 255; ++j) starboard.row(0)[j] = 6000.0f;
+    starboard.trace();
+    for (int j = 231; j <= 255; ++j) EXPECT_EQ(starboard.bottom[j], 6000.0f) << j;
+    EXPECT_EQ(starboard.bottom[230], starboard.truth[228]);
+}
+
+TEST(TraceBottom, SmallerFansAreDecidedByTheMirroredPass) {
+    // The 256-beam constants leave the mirrored pass without a closed run;
+    // its line (row 0, last beam blanked) stands, and nothing beyond the fan.
+    for (int B : {64, 128}) {
+        Fan fan(B);
+        fan.trace();
+        fan.expectLine({{B - 1, {fan.truth[B - 2], 2}}});
+        for (int j = B; j < 256; ++j) EXPECT_EQ(fan.bottom[j], 0.0f) << j;
+        EXPECT_TRUE(fan.guardsIntact());
+    }
+    // With a closed mirrored run, left1 still counts from 255 and covers the fan.
+    Fan fan(64);
+    fan.row(0)[5] = 600.0f;
+    fan.trace();
+    fan.expectLine({{5, {fan.truth[6], 2}}, {63, {fan.truth[62], 2}}});
+}
+
+TEST(TraceBottom, StaysInBoundsOnAnyInput) {
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    const float inf = std::numeric_limits<float>::infinity();
+    const float odd[] = {nan, inf, -inf, -1e30f, 1e30f, 0.0f, -3.0f, 1.0f, 4000.0f};
+    std::mt19937 rng(3);
+    std::uniform_real_distribution<float> level(1.0f, 8000.0f);
+    for (int B : {0, 1, 2, 3, 64, 100, 255, 256}) {
+        for (float n : {kSamples, 0.0f, nan, 7.0f}) {
+            Fan fan(B);
+            for (int i = 0; i < 1536; ++i) fan.candidates[i] = (i % 3) ? level(rng) : odd[rng() % 9];
+            fan.trace(n);
+            EXPECT_TRUE(fan.guardsIntact());
+            for (int j = 0; j < B; ++j) EXPECT_TRUE(fan.flag[j] == 1 || fan.flag[j] == 2);
+        }
+    }
+}
+
+TEST(CompleteBottomLine, CopiesOutwardFromTheCentre) {
+    // the centre beam that took its outer neighbour's value ends flagged as its own
+    float line[11] = {0, 3, 0, 3, 3, 0, 8, 0, 0, 8, 0};
+    uint8_t flag[10] = {};
+    completeBottomLine(line, flag, 10);
+    const std::vector<float> want = {3, 3, 3, 3, 3, 8, 8, 8, 8, 8};
+    const std::vector<uint8_t> wantFlag = {2, 1, 2, 1, 1, 1, 1, 2, 2, 1};
+    EXPECT_EQ(std::vector<float>(line, line + 10), want);
+    EXPECT_EQ(std::vector<uint8_t>(flag, flag + 10), wantFlag);
+}

@@ -28,11 +28,61 @@ struct SectorGrid {
 
 // Turns the six candidate rows (candidates[c * beamCount + j], values 1..n;
 // 1536 floats, changed in place) into one line: bottomSample[beamCount],
-// 0 for a rejected beam. Counts arrive as floats.
+// 0 for a rejected beam. Counts arrive as floats. bottomSample holds at least
+// 256 floats: entries from beamCount to 255 are written (0) as well.
 void traceBottomCurve(float* candidates, float beamCount, float sampleCount, float* bottomSample);
 // Fills empty beams from the inner neighbour and flags each beam:
-// 1 own detection, 2 copied.
+// 1 own detection, 2 copied. bottomSample holds at least beamCount + 1 floats
+// (the centre step reads one beam past the middle).
 void completeBottomLine(float* bottomSample, uint8_t* bottomFlag, int32_t beamCount);
+
+// Pieces of the bottom trace, reachable for tests.
+//
+// A point of the normalised beam/range plane: x = (beam + 1) / 256,
+// y = sample / sampleCount.
+struct PlanePoint {
+    float x;
+    float y;
+};
+// x of beam j in the normalised plane; the step is 1/256 whatever the beam count.
+inline float fanX(int j) { return 0.00390625f + static_cast<float>(j) * 0.00390625f; }
+// The line's lists and local lines have 256 slots: a beam count as an integer
+// in 0..256, and a beam index held in a float as a slot 0..255 (NaN reads 0).
+// In a well-formed list every index already lies in range; the clamp keeps
+// damaged lists from reaching outside the arrays.
+inline int lineBeamCount(float beamCount) {
+    if (!(beamCount > 0.0f)) return 0;
+    return beamCount >= 256.0f ? 256 : static_cast<int>(beamCount);
+}
+inline int lineSlot(float beam) {
+    if (!(beam > 0.0f)) return 0;
+    return beam >= 255.0f ? 255 : static_cast<int>(beam);
+}
+// Interior angle at v of the triangle p, v, q in degrees (180 for a straight
+// continuation). The cosine is not clamped: coincident points, or rounding
+// past +-1, give NaN, which fails every comparison.
+float vertexAngle(PlanePoint p, PlanePoint v, PlanePoint q);
+// The segment lists: segmentStart/segmentEnd hold 256 floats each (closed
+// beam intervals), segmentCount the number of entries in use. bottomSample
+// holds at least 256 floats (fixed slot 255 is written whatever the beam
+// count). candidates: 1536 floats, read only.
+//
+// Runs of beams whose row-0 candidates lie on a smooth curve; rejected beams
+// are 0 in bottomSample (which gets row 0 first).
+void findSmoothSegments(const float* candidates, float beamCount, float sampleCount,
+                        float* segmentStart, float* segmentEnd, int32_t* segmentCount,
+                        float* bottomSample);
+// Merges neighbouring runs that continue each other and fills the beams
+// between them from the six candidate rows.
+void bridgeSegmentGaps(const float* candidates, float beamCount, float sampleCount,
+                       float* segmentStart, float* segmentEnd, int32_t* segmentCount,
+                       float* bottomSample);
+// Chains runs outward from the longest near-port run, fills the gaps against
+// the chord, and carries the curve on to the end of the fan. Leaves only the
+// chain in the lists.
+void extendBottomChain(const float* candidates, float beamCount, float sampleCount,
+                       float* segmentStart, float* segmentEnd, int32_t* segmentCount,
+                       float* bottomSample);
 
 // Scratch of the wedge picture, from the workspace.
 struct WedgeWork {
@@ -45,11 +95,14 @@ struct WedgeWork {
 };
 
 // Paints the 8-bit fan picture of beamImage (beam-major, row stride
-// sampleCount) into displayImage (imageWidth wide), which the caller cleared.
+// sampleCount) into displayImage (imageWidth x imageHeight bytes), which the
+// caller cleared. Writes only inside that raster: grid rows and columns beyond
+// it are clipped.
 void renderWaterColumnImage(const float* beamImage, int32_t beamCount, int32_t sampleCount,
                             const float* beamAngles, float sectorPort, float sectorStarboard,
                             int8_t beamSpacing, float imageGain, uint8_t* displayImage,
-                            int32_t imageWidth, const SectorGrid* grid, const WedgeWork* work);
+                            int32_t imageWidth, int32_t imageHeight, const SectorGrid* grid,
+                            const WedgeWork* work);
 
 // Scrolling port/starboard waterfall: 200 rows of 16000 floats, newest at
 // row 0, kept between pings.
