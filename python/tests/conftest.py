@@ -1,0 +1,56 @@
+"""Fixtures of the binding's tests. KVANE_LIBRARY names the library under
+test, KVANE_BINARY_DIR the build tree with tools/ (CTest sets both). Without
+numpy the run ends with exit code 77, which CTest counts as skipped."""
+
+import importlib
+import os
+import pathlib
+import sys
+
+import pytest
+
+PYTHON_DIR = pathlib.Path(__file__).resolve().parents[1]
+SOURCE_DIR = PYTHON_DIR.parent
+sys.path.insert(0, str(PYTHON_DIR))
+
+
+def pytest_sessionstart(session):
+    try:
+        importlib.import_module("numpy")
+    except ImportError:
+        pytest.exit("numpy is not installed (Debian: python3-numpy); the binding's tests are skipped", returncode=77)
+
+
+@pytest.fixture(scope="session")
+def library():
+    """The loaded library; skips when none is found, unless KVANE_LIBRARY names one."""
+    import kvane
+
+    try:
+        return kvane.load_library()
+    except OSError as error:
+        if os.environ.get("KVANE_LIBRARY"):
+            raise
+        pytest.skip(f"no libkvane.so: {error}")
+
+
+@pytest.fixture
+def workspace(library):
+    import kvane
+
+    with kvane.Workspace() as ws:
+        yield ws
+
+
+@pytest.fixture(scope="session")
+def tool():
+    """Path of a tool program in the build tree; skips when it is absent."""
+    binary_dir = pathlib.Path(os.environ.get("KVANE_BINARY_DIR", SOURCE_DIR / "build"))
+
+    def find(name):
+        path = binary_dir / "tools" / name
+        if not path.is_file():
+            pytest.skip(f"{path} is not built")
+        return path
+
+    return find
