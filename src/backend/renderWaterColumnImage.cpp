@@ -1,6 +1,173 @@
-// renderWaterColumnImage.cpp - stub, being built.
+// renderWaterColumnImage.cpp - the 8-bit fan picture of the beam image: every
+// pixel shows the amplitude at its range and angle, read through the sector
+// grid.
+#include <algorithm>
+#include <cstdint>
+
 #include "backend.h"
 
 namespace kvane {
-void renderWaterColumnImage(const float*, int32_t, int32_t, const float*, float, float, int8_t, float, uint8_t*, int32_t, const SectorGrid*, const WedgeWork*) {}
+namespace {
+
+constexpr int32_t kMaxWedgeBeams = 256;
+constexpr int32_t kMaxWedgeSamples = 8000;
+
+// Saturating float-to-byte conversion, round to nearest (ties to even, the
+// conversion's own rounding): negatives and NaN give 0, 255 and above give 255.
+// Adding and removing 2^23 rounds a value below 2^23 to an integer in the
+// current (nearest) rounding mode without a library call.
+inline uint8_t toByte(float v) {
+    if (!(v > 0.0f)) return 0;
+    if (v >= 255.0f) return 255;
+    const float r = (v + 8388608.0f) - 8388608.0f;
+    return static_cast<uint8_t>(r);
+}
+
+// The bounds of contiguous block t of `count` iterations split over `team`
+// workers, as a static schedule splits them: the first count % team blocks
+// take one extra iteration.
+void staticBlock(int32_t count, int32_t team, int32_t t, int32_t* begin, int32_t* end) {
+    const int32_t q = count / team;
+    const int32_t r = count % team;
+    *begin = t * q + std::min(t, r);
+    *end = *begin + q + (t < r ? 1 : 0);
+}
+
+// Re-grid for equal-distance beams: an even angle grid over the sectors, the
+// beam interval that holds each grid angle, and the matrix read at those
+// beams.
+void regridBeams(const float* sampleMajor, float* regrid, float* angleGrid, int32_t* sourceBeam,
+                 const float* beamAngles, int32_t beamCount, int32_t sampleCount,
+                 float sectorPort, float sectorStarboard) {
+    const int32_t B = beamCount;
+    const float step = (sectorPort + sectorStarboard) / static_cast<float>(B);
+    for (int32_t j = 0; j < B; ++j) angleGrid[j] = beamAngles[0] + static_cast<float>(j) * step;
+
+    // The search runs in kTeamCapacity contiguous blocks of grid positions, one
+    // scan cursor per block starting at 0 on every ping, so that every position
+    // gets the answer of the three-worker team whatever the number of threads
+    // that actually runs the blocks. A cursor moves past every interval that
+    // fails and stays on the one that holds the angle; once it has run out, the
+    // rest of its block finds nothing and keeps the previous ping's entries.
+    // At u = B - 1 there is no upper neighbour: that comparison fails.
+#pragma omp parallel for num_threads(teamSize()) schedule(static)
+    for (int32_t t = 0; t < kTeamCapacity; ++t) {
+        int32_t begin = 0;
+        int32_t end = 0;
+        staticBlock(B, kTeamCapacity, t, &begin, &end);
+        int32_t cursor = 0;
+        for (int32_t j = begin; j < end; ++j) {
+            const float g = angleGrid[j];
+            while (cursor < B) {
+                const int32_t u = cursor;
+                if (u + 1 < B && beamAngles[u] <= g && g <= beamAngles[u + 1]) {
+                    sourceBeam[j] = u;
+                    break;
+                }
+                ++cursor;
+            }
+        }
+    }
+
+    // The interpolation of the remap at whole-number coordinates: its swapped
+    // weights pick the neighbour one sample and one beam on, hence the +1 in
+    // both. The last row of regrid is not written and keeps what it held.
+    // sourceBeam only ever holds 0..254; anything else (foreign memory) reads
+    // as 0, like a position that never matched.
+    int32_t column[kMaxWedgeBeams];
+    for (int32_t j = 0; j < B; ++j) {
+        const int32_t u = sourceBeam[j];
+        column[j] = (u >= 0 && u <= kMaxWedgeBeams - 2 ? u : 0) + 1;
+    }
+#pragma omp parallel for num_threads(teamSize()) schedule(static)
+    for (int32_t i = 0; i < sampleCount - 1; ++i) {
+        const float* next = sampleMajor + static_cast<std::size_t>(i + 1) * B;
+        float* row = regrid + static_cast<std::size_t>(i) * B;
+        for (int32_t j = 0; j < B; ++j) row[j] = next[column[j]];
+    }
+}
+
+// The remap of the grid into displayImage, with the gain and the conversion
+// to bytes. A: the sample-major source matrix, row stride beamCount. Grid rows
+// and columns that fall outside the raster are not computed: nothing outside
+// imageWidth x imageHeight is ever written.
+void remapToDisplay(const float* A, int32_t beamCount, int32_t sampleCount, float imageGain,
+                    uint8_t* displayImage, int32_t imageWidth, int32_t imageHeight,
+                    const SectorGrid* grid) {
+    if (grid->cells <= 0) return;
+    const int32_t rows = std::min(grid->rows, imageHeight);
+    const int32_t cols = grid->cols;
+    // With the height fitted the narrower wedge is centred; a grid wider than
+    // the raster gets a negative offset and loses both edges.
+    const int32_t offset =
+        grid->fitsHeight ? static_cast<int32_t>(static_cast<double>(imageWidth - cols) * 0.5) : 0;
+    const int32_t firstCol = std::max(0, -offset);
+    const int32_t endCol = std::min(cols, imageWidth - offset);
+    if (rows <= 0 || endCol <= firstCol) return;
+    const int32_t B = beamCount;
+    const float lastBeam = static_cast<float>(beamCount - 1);
+    const float lastSample = static_cast<float>(sampleCount - 1);
+
+#pragma omp parallel for num_threads(teamSize()) schedule(static)
+    for (int32_t r = 0; r < rows; ++r) {
+        const std::size_t cell0 = static_cast<std::size_t>(r) * cols;
+        const float* beamRow = grid->beam + cell0;
+        const float* rangeRow = grid->range + cell0;
+        uint8_t* out = displayImage + static_cast<std::size_t>(r) * imageWidth;
+        for (int32_t c = firstCol; c < endCol; ++c) {
+            const float u = beamRow[c];
+            const float v = rangeRow[c];
+            float level = 0.0f;
+            // Strict bounds: beam coordinate 0 and B - 1 and range S - 1 are
+            // outside. A range is a magnitude; the v >= 0 test only guards
+            // against a grid made by hand.
+            if (u > 0.0f && u < lastBeam && v < lastSample && v >= 0.0f) {
+                const int32_t iu = static_cast<int32_t>(u);
+                const int32_t iv = static_cast<int32_t>(v);
+                const int32_t iv1 = static_cast<int32_t>(v + 1.0f);
+                const float fu = u - static_cast<float>(iu);
+                const float fv = v - static_cast<float>(iv);
+                // The fractional parts weight the lower neighbour, in both
+                // coordinates: the picture's own interpolation, kept as it is.
+                const float* near = A + static_cast<std::size_t>(iv) * B + iu;
+                const float* far = A + static_cast<std::size_t>(iv1) * B + iu;
+                const float lowColumn = fv * near[0] + (1.0f - fv) * far[0];
+                const float highColumn = fv * near[1] + (1.0f - fv) * far[1];
+                level = fu * lowColumn + (1.0f - fu) * highColumn;
+            }
+            out[c + offset] = toByte(level * imageGain);
+        }
+    }
+}
+
+}  // namespace
+
+void renderWaterColumnImage(const float* beamImage, int32_t beamCount, int32_t sampleCount,
+                            const float* beamAngles, float sectorPort, float sectorStarboard,
+                            int8_t beamSpacing, float imageGain, uint8_t* displayImage,
+                            int32_t imageWidth, int32_t imageHeight, const SectorGrid* grid,
+                            const WedgeWork* work) {
+    // Any mode other than equal angles (1) or equal distances (2) leaves the
+    // wedge empty, as do sizes beyond the workspace. An empty grid or raster
+    // draws nothing, but the re-grid still runs: its sourceBeam entries carry
+    // over to later pings.
+    if (beamSpacing != 1 && beamSpacing != 2) return;
+    if (beamCount < 1 || beamCount > kMaxWedgeBeams || sampleCount < 1 ||
+        sampleCount > kMaxWedgeSamples)
+        return;
+    const int32_t B = beamCount;
+    const int32_t S = sampleCount;
+
+    // Equal angles: the grid indexes the beams of the transposed image
+    // directly. Equal distances: it indexes the re-gridded matrix.
+    transpose(work->sampleMajor, beamImage, B, S);
+    const float* source = work->sampleMajor;
+    if (beamSpacing == 2) {
+        regridBeams(work->sampleMajor, work->regrid, work->angleGrid, work->sourceBeam, beamAngles,
+                    B, S, sectorPort, sectorStarboard);
+        source = work->regrid;
+    }
+    remapToDisplay(source, B, S, imageGain, displayImage, imageWidth, imageHeight, grid);
+}
+
 }  // namespace kvane

@@ -169,7 +169,8 @@ bool processPing(KVaneParams* params, KVaneInput* input, KVaneResult* result) {
                     static_cast<std::size_t>(params->imageHeight));
     renderWaterColumnImage(result->beamImage, B, n, beamAngles, params->sectorPort,
                            params->sectorStarboard, params->beamSpacing, params->imageGain,
-                           result->displayImage, params->imageWidth, &retained.grid, &ws.wedge);
+                           result->displayImage, params->imageWidth, params->imageHeight,
+                           &retained.grid, &ws.wedge);
 
     // 16. Gates of the next ping.
     for (int32_t b = 0; b < B; ++b) {
