@@ -1,2 +1,428 @@
-// test_detect.cpp
+// test_detect.cpp - bottom detection: peaks, drop points, fits, gate
+// detection and the candidates of whole beams.
 #include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <iterator>
+#include <numeric>
+#include <random>
+#include <vector>
+
+#include "detect/detect.h"
+
+namespace {
+
+using kvane::cfloat;
+using kvane::DetectWork;
+using kvane::GateDetection;
+using Ints = std::vector<int32_t>;
+
+// Detector lines owned by the test: `sets` line sets.
+struct TestWork {
+    explicit TestWork(int sets = 1) : sets(sets) {}
+    int sets;
+    std::size_t len = static_cast<std::size_t>(sets) * kvane::kDetectLineLength;
+    std::vector<float> f[6] = {std::vector<float>(len), std::vector<float>(len), std::vector<float>(len),
+                               std::vector<float>(len), std::vector<float>(len), std::vector<float>(len)};
+    std::vector<cfloat> c[2] = {std::vector<cfloat>(len), std::vector<cfloat>(len)};
+    DetectWork work() {
+        return DetectWork{f[0].data(), c[0].data(), c[1].data(), f[1].data(), f[2].data(),
+                          f[3].data(), f[4].data(), f[5].data(), sets};
+    }
+};
+
+Ints peaksOf(const std::vector<float>& y, int minDistance, int maxPeaks = 64) {
+    std::vector<float> levels(y.size());
+    Ints order(y.size()), peaks(static_cast<std::size_t>(maxPeaks));
+    peaks.resize(static_cast<std::size_t>(kvane::pickEnvelopePeaks(
+        peaks.data(), maxPeaks, y.data(), static_cast<int>(y.size()), minDistance, levels.data(),
+        order.data())));
+    return peaks;
+}
+
+TEST(PickEnvelopePeaks, HandMadeEnvelopes) {
+    EXPECT_EQ(peaksOf({5, 4, 3, 2, 1}, 1), Ints({1}));             // falling: index 1, not 0
+    EXPECT_EQ(peaksOf({10, 1, 0.5f, 0.4f, 0.3f}, 1), Ints({0}));  // index 1 too low: fallback
+    EXPECT_EQ(peaksOf({1, 2, 3, 4, 5}, 1), Ints({3}));             // rising: n - 2
+    EXPECT_EQ(peaksOf({0, 1, 1, 1, 0, 0}, 1), Ints({3}));          // plateau: its last sample
+    EXPECT_EQ(peaksOf({1, 0}, 1), Ints({0}));
+    EXPECT_EQ(peaksOf({0, 1}, 1), Ints({1}));
+    // Highest first, equal heights by index; thinning favours the earlier.
+    const std::vector<float> y = {0, 1, 0, 1, 0, 0.5f, 0, 0.1f, 0};
+    EXPECT_EQ(peaksOf(y, 1), Ints({1, 3, 5}));
+    EXPECT_EQ(peaksOf(y, 3), Ints({1, 5}));
+    EXPECT_EQ(peaksOf(y, 4), Ints({1}));
+    EXPECT_EQ(peaksOf(y, 1, 2), Ints({1, 3}));
+    // Samples exactly at the threshold (0.2 here): the search over the sorted
+    // levels stops on the second of two, so only the later one counts.
+    EXPECT_EQ(peaksOf({0, 0.2f, 0, 0.2f, 0, 1, 0}, 1), Ints({5, 3}));
+    EXPECT_EQ(peaksOf({0, 0.2f, 0, 1, 0}, 1), Ints({3, 1}));
+    // No scale, no peaks.
+    EXPECT_TRUE(peaksOf({2, 2, 2, 2}, 1).empty());
+    EXPECT_TRUE(peaksOf({0, 1, NAN, 1, 0}, 1).empty());
+    EXPECT_TRUE(peaksOf({0, INFINITY, 0, 1, 0}, 1).empty());
+}
+
+// The picker step by step: stable sort, binary search, maxima, intersection,
+// stable order by height, thinning over the whole list.
+Ints plainPeaks(const std::vector<float>& y, int minDistance) {
+    const int n = static_cast<int>(y.size());
+    const float lowest = *std::min_element(y.begin(), y.end());
+    const float range = std::fabs(lowest - *std::max_element(y.begin(), y.end()));
+    if (n < 2 || range == 0.0f) return {};
+    std::vector<float> v(n);
+    for (int i = 0; i < n; ++i) v[i] = std::fabs((lowest - y[i]) * (1.0f / range));
+    const float thr = 0.2f * *std::max_element(v.begin(), v.end());
+    minDistance = std::min(minDistance, n - 1);
+    Ints sorted(n);
+    std::iota(sorted.begin(), sorted.end(), 0);
+    std::stable_sort(sorted.begin(), sorted.end(), [&](int a, int b) { return v[a] < v[b]; });
+    int lo = 0, hi = n - 1, pos = -1;
+    while (lo <= hi && pos < 0) {
+        const int mid = (lo + hi) / 2;
+        if (v[sorted[mid]] > thr) hi = mid - 1;
+        else if (v[sorted[mid]] < thr) lo = mid + 1;
+        else pos = mid;
+    }
+    if (pos < 0 && hi == n - 1) return {};
+    Ints above(sorted.begin() + (pos < 0 ? lo : pos), sorted.end()), maxima, both;
+    std::sort(above.begin(), above.end());
+    int s = 0;
+    if (n == 2) maxima.push_back(0);
+    else if (v[1] - v[0] < 0) maxima.push_back(s = 1);
+    for (int i = s; n > 2 && i <= n - 4; ++i)
+        if (v[i + 1] - v[i] >= 0 && v[i + 2] - v[i + 1] < 0) maxima.push_back(i + 1);
+    if (n > 2 && v[std::max(s, n - 3) + 1] - v[std::max(s, n - 3)] > 0) maxima.push_back(std::max(s, n - 3) + 1);
+    if (maxima.empty()) return {};
+    std::set_intersection(above.begin(), above.end(), maxima.begin(), maxima.end(), std::back_inserter(both));
+    if (both.empty()) both.push_back(above.back());
+    std::stable_sort(both.begin(), both.end(), [&](int a, int b) { return v[a] > v[b]; });
+    const int m = static_cast<int>(both.size());
+    std::vector<int> removed(m, 0);
+    for (int i = 0; m > 1 && i < m; ++i) {
+        if (removed[i]) continue;
+        for (int j = 0; j < m; ++j)
+            if (both[j] >= both[i] - minDistance && both[j] <= both[i] + minDistance) removed[j] = 1;
+        removed[i] = 0;
+    }
+    Ints out;
+    for (int i = 0; i < m; ++i)
+        if (!removed[i]) out.push_back(both[i]);
+    return out;
+}
+
+TEST(PickEnvelopePeaks, SameAsTheStepByStepPicker) {
+    // Few levels make plateaus and samples at the threshold common.
+    std::mt19937 rng(7);
+    for (int trial = 0; trial < 3000; ++trial) {
+        std::vector<float> y(2 + rng() % 40);
+        const unsigned levels = 2 + rng() % 9;
+        for (float& x : y) x = static_cast<float>(rng() % levels) * (trial % 2 ? 0.37f : 1.0f);
+        const int minDistance = static_cast<int>(rng() % 7) - 1;
+        const Ints full = plainPeaks(y, minDistance);
+        ASSERT_EQ(peaksOf(y, minDistance), full) << "trial " << trial;
+        ASSERT_EQ(peaksOf(y, minDistance, 2), Ints(full.begin(), full.begin() + std::min<std::size_t>(full.size(), 2)));
+    }
+}
+
+Ints dropsOf(const std::vector<float>& x, int peakIndex, int side) {
+    const float drops[kvane::kDropCount] = {6, 8, 10, 12, 14};
+    Ints out(kvane::kDropCount, -7);
+    kvane::findDropPoints(out.data(), x.data(), static_cast<int>(x.size()), drops, peakIndex, side);
+    return out;
+}
+
+TEST(FindDropPoints, PlainCrossingsAndWholeSides) {
+    EXPECT_EQ(dropsOf({1, 0.1f, 0.05f, 0.01f}, 10, 2), Ints(5, 11));
+    EXPECT_EQ(dropsOf({0.01f, 0.05f, 0.1f, 1}, 10, 1), Ints(5, 8));  // the left side counts the peak
+    EXPECT_EQ(dropsOf({1, 0.9f, 0.9f}, 10, 2), Ints(5, 13));         // never falls: n
+    EXPECT_EQ(dropsOf({0.9f, 0.9f, 1}, 10, 1), Ints(5, 7));
+    EXPECT_EQ(dropsOf({1}, 4, 2), Ints(5, 5));
+    EXPECT_EQ(dropsOf({1, 0}, 4, 3), Ints(5, -7));  // unknown side: untouched
+    // All zeros: the peak itself is the crossing, on the mean; the second
+    // search takes the next element and the mean point decides.
+    EXPECT_EQ(dropsOf(std::vector<float>(6, 0.0f), 20, 2), Ints(5, 20));
+    EXPECT_EQ(dropsOf(std::vector<float>(6, 0.0f), 20, 1), Ints(5, 18));
+}
+
+TEST(FindDropPoints, CrossingsOnTheMeanUseTheSecondSearch) {
+    // Mean exactly 0.375. Right: -6 dB crosses at 1 (not below the mean), the
+    // second search finds 3, the mean point is 4: (4 + 4 + 1) / 2 -> 5. -8 dB
+    // crosses on the mean at 4 and does not search again; the inherited
+    // second crossing puts its candidate beyond the mean point: 4 (5 without).
+    const std::vector<float> right = {1, 0.40625f, 0.40625f, 0.40625f, 0.375f, 0.03125f, 0};
+    EXPECT_EQ(dropsOf(right, 100, 2), Ints({105, 104, 105, 105, 105}));
+    // Left: the second search runs over forward indices and finds the
+    // crossing sample itself; beyond the mean distance 5 it gives 6.
+    EXPECT_EQ(dropsOf(std::vector<float>(right.rbegin(), right.rend()), 100, 1), Ints(5, 94));
+}
+
+TEST(QuadraticRoot, ChoosesTheRootInRange) {
+    EXPECT_FLOAT_EQ(kvane::quadraticRoot(1, -7, 10, 10), 2.0f);  // roots 2 and 5: the smaller
+    EXPECT_FLOAT_EQ(kvane::quadraticRoot(-1, 7, -10, 10), 2.0f);
+    EXPECT_FLOAT_EQ(kvane::quadraticRoot(1, -7, 10, 4), 2.0f);
+    EXPECT_FLOAT_EQ(kvane::quadraticRoot(-1, 7, -10, 1.5f), 0.0f);
+    EXPECT_FLOAT_EQ(kvane::quadraticRoot(1, 7, 10, 10), 0.0f);   // both negative
+    EXPECT_FLOAT_EQ(kvane::quadraticRoot(1, 0, 1, 10), 0.0f);    // no real root
+    EXPECT_FLOAT_EQ(kvane::quadraticRoot(1, -4, 4, 10), 0.0f);   // double root
+    EXPECT_FLOAT_EQ(kvane::quadraticRoot(0, 2, -6, 10), 0.0f);   // not a quadratic
+}
+
+std::vector<float> fitRobust(std::vector<float> y) {
+    std::vector<float> scratch(10 * y.size()), coef(3);
+    kvane::fitQuadraticRobust(coef.data(), y.data(), static_cast<int>(y.size()), scratch.data());
+    return coef;
+}
+
+TEST(FitQuadraticRobust, ExactDataAndAFarOutlier) {
+    std::vector<float> y(21);
+    for (int k = 1; k <= 21; ++k) y[k - 1] = -0.01f * k * k + 0.3f * k - 0.8f;
+    std::vector<float> c = fitRobust(y);
+    EXPECT_NEAR(c[0], -0.01f, 1e-5f);
+    EXPECT_NEAR(c[1], 0.3f, 1e-4f);
+    EXPECT_NEAR(c[2], -0.8f, 1e-3f);
+    y[12] += 50.0f;  // weight 0: the fit follows the other samples
+    c = fitRobust(y);
+    EXPECT_NEAR(c[0], -0.01f, 1e-4f);
+    EXPECT_NEAR(c[1], 0.3f, 1e-3f);
+    EXPECT_NEAR(c[2], -0.8f, 1e-2f);
+}
+
+// Split-aperture samples with phase (units of pi) slope * x + curve * x^2,
+// x = i - zero. A real ramp bends a little; a straight one leaves the
+// quadratic term at rounding level, where the plain root formula loses its
+// precision.
+void phaseRamp(cfloat* iq, int count, float slope, float zero, float curve = 0.00003f) {
+    for (int i = 0; i < count; ++i) {
+        const float x = static_cast<float>(i) - zero;
+        const float ph = 3.14159265f * (slope * x + curve * x * x);
+        iq[i] = cfloat{std::cos(ph), std::sin(ph)};
+    }
+}
+
+struct Gate {
+    TestWork t;
+    DetectWork w = t.work();
+    GateDetection run(int g0, int g1, int workLength = 400) {
+        GateDetection d;
+        kvane::detectInGate(&d, w.envelopeWork, w.iqWork, 5e-4f, 20000, g0, g1, 500, workLength, &w);
+        return d;
+    }
+};
+
+TEST(DetectInGate, ShortGatesAndFlatEnvelopes) {
+    Gate g;
+    phaseRamp(g.w.iqWork, 400, 0.01f, 50.0f);
+    for (int len = 1; len <= 2; ++len) {
+        const GateDetection d = g.run(10, 10 + len - 1);
+        EXPECT_EQ(d.phaseSample, 0);
+        EXPECT_EQ(d.amplitudeSample, 0);
+        EXPECT_EQ(d.phaseQuality, -100.0f);
+    }
+    // A flat gate is levelled to ones: c[i] = i + 0.001 first exceeds half of
+    // c[10] at 5.
+    std::fill(g.w.envelopeWork, g.w.envelopeWork + 100, 4.0f);
+    const GateDetection d = g.run(30, 40);
+    EXPECT_EQ(d.amplitudeSample, 35);
+    EXPECT_FLOAT_EQ(d.meanLevel, 4.0f);
+    EXPECT_EQ(g.w.envelopeWork[29], 4.0f);
+    EXPECT_EQ(g.w.envelopeWork[30], 1.0f);
+    EXPECT_EQ(g.w.envelopeWork[40], 1.0f);
+    EXPECT_EQ(g.w.envelopeWork[41], 4.0f);
+    // Gates beyond the lines are clamped to them.
+    EXPECT_EQ(g.run(-50, 1000000, 300).gateEnd, 300);
+}
+
+TEST(DetectInGate, PhaseZeroCrossing) {
+    // Through zero at work index 157: detected one sample later (the crossing
+    // plus 1.5, truncated), with the full fit and with the refined one.
+    Gate g;
+    phaseRamp(g.w.iqWork, 400, 0.006f, 157.0f);
+    std::fill(g.w.envelopeWork, g.w.envelopeWork + 400, 1.0f);
+    for (int first : {100, 140}) {
+        const GateDetection d = g.run(first, 210);
+        EXPECT_EQ(d.phaseSample, 158) << first;
+        EXPECT_GT(d.fitQuality, 0.95f);
+        EXPECT_LT(d.phaseResidual, 0.05f);
+        EXPECT_LE(d.fitStart, 157);
+        EXPECT_GE(d.fitEnd, 157);
+    }
+    // Phase needs more than 20 samples in the gate.
+    phaseRamp(g.w.iqWork, 400, 0.02f, 40.0f);
+    EXPECT_EQ(g.run(30, 49).phaseSample, 0);
+    EXPECT_EQ(g.run(30, 50).phaseSample, 41);
+}
+
+// One ping of synthetic beams, all gates open.
+struct SyntheticPing {
+    int n, beams;
+    std::vector<float> angles, envelope;
+    std::vector<cfloat> iq;
+    std::vector<kvane::EchoCandidate> records = std::vector<kvane::EchoCandidate>(1536);
+    std::vector<kvane::EchoCandidate*> slots;
+    Ints gateTable = Ints(512, 0);
+    kvane::DetectionLimits limits{100, 4000, 0, 1, 1500.0f, 0};
+    uint8_t firstBeamPending = 0;
+    TestWork work;
+
+    SyntheticPing(int samples, std::vector<float> beamAngles, int sets = 1)
+        : n(samples), beams(static_cast<int>(beamAngles.size())), angles(std::move(beamAngles)),
+          envelope(static_cast<std::size_t>(n) * beams, 0.0f),
+          iq(static_cast<std::size_t>(n) * beams, cfloat{1.0f, 0.0f}), work(sets) {
+        for (auto& r : records) slots.push_back(&r);
+        for (int b = 0; b < beams; ++b) gateTable[beams + b] = n - 1;
+    }
+    // Gaussian echo at echoSample, with a phase ramp through zero there.
+    void addEcho(int beam, float echoSample, float width, float height, bool phase) {
+        for (int i = 0; i < n; ++i) {
+            const float x = (static_cast<float>(i) - echoSample) / width;
+            envelope[static_cast<std::size_t>(beam) * n + i] += height * std::exp(-0.5f * x * x);
+        }
+        if (phase) phaseRamp(iq.data() + static_cast<std::size_t>(beam) * n, n, 0.004f, echoSample);
+    }
+    void run(int firstEcho, float qualityThreshold = 0.5f, uint8_t reset = 0) {
+        const kvane::BottomDetectArgs args{angles.data(), envelope.data(), iq.data(), n, beams,
+                                           firstEcho, 5e-4f, 20000, &limits, qualityThreshold,
+                                           reset, &firstBeamPending, work.work()};
+        kvane::detectBeamCandidates(&args, slots.data(), gateTable.data());
+    }
+    const kvane::EchoCandidate& slot(int beam, int p) const { return records[beam * 6 + p]; }
+};
+
+TEST(DetectBeamCandidates, EchoIsFoundWhereItIs) {
+    // Steep beam: phase always preferred. Near nadir with no phase crossing:
+    // amplitude.
+    SyntheticPing ping(3000, {50.0f, 10.0f});
+    ping.addEcho(0, 1800.0f, 25.0f, 1000.0f, true);
+    ping.addEcho(1, 1400.0f, 25.0f, 1000.0f, false);
+    ping.run(400);
+    const kvane::EchoCandidate& steep = ping.slot(0, 0);
+    EXPECT_EQ(steep.method, 1);
+    // Beam sample + 2: one from firstSample, one from the detector's rounding.
+    EXPECT_NEAR(steep.detectionSample, 1802, 1);
+    EXPECT_EQ(steep.rawDetectionSample, steep.detectionSample);
+    EXPECT_LE(steep.gateStart, 1800);
+    EXPECT_GE(steep.gateEnd, 1800);
+    const kvane::EchoCandidate& nadir = ping.slot(1, 0);
+    EXPECT_EQ(nadir.method, 2);
+    EXPECT_NEAR(nadir.detectionSample, 1401, 2);  // halving point, beam sample + 1
+    // The gate reaches the 14 dB points (1.8 widths), widened by smoothing.
+    EXPECT_LT(nadir.gateStart, 1400 - 30);
+    EXPECT_GT(nadir.gateEnd, 1400 + 30);
+    EXPECT_GT(nadir.gateStart, 1400 - 120);
+    EXPECT_LT(nadir.gateEnd, 1400 + 120);
+    for (int b = 0; b < 2; ++b)
+        for (int p = 1; p < 6; ++p) EXPECT_EQ(ping.slot(b, p).detectionSample, 0);
+    // A threshold no fit reaches keeps only the raw phase detection.
+    ping.run(400, 2.0f);
+    EXPECT_EQ(ping.slot(0, 0).detectionSample, 0);
+    EXPECT_EQ(ping.slot(0, 0).level, -200.0f);
+    EXPECT_NEAR(ping.slot(0, 0).rawDetectionSample, 1802, 1);
+}
+
+TEST(DetectBeamCandidates, SixHighestEchoesHighestFirst) {
+    SyntheticPing ping(3000, {30.0f});
+    for (int e = 0; e < 8; ++e) ping.addEcho(0, 700.0f + 280.0f * e, 12.0f, 100.0f + 50.0f * e, false);
+    ping.run(400);
+    for (int p = 0; p < 6; ++p) {
+        EXPECT_EQ(ping.slot(0, p).method, 2);
+        EXPECT_NEAR(ping.slot(0, p).detectionSample, 2660 - 280 * p + 1, 2) << p;
+    }
+}
+
+TEST(DetectBeamCandidates, GatesZeroTheEnvelopeOutside) {
+    // Depth window 30..60 m at 1500 m/s: samples 800..1600 straight down,
+    // twice that at 60 degrees.
+    SyntheticPing ping(4000, {0.0f, 60.0f});
+    std::fill(ping.envelope.begin(), ping.envelope.end(), 1.0f);
+    ping.limits = kvane::DetectionLimits{0, 3999, 30, 60, 1500.0f, 2};
+    ping.run(400);
+    const float* nadir = ping.envelope.data();
+    const float* slant = nadir + 4000;
+    EXPECT_EQ(Ints({nadir[799] == 0, nadir[800] == 0, nadir[1599] == 0, nadir[1600] == 0}), Ints({1, 0, 0, 1}));
+    EXPECT_EQ(Ints({slant[1598] == 0, slant[1601] == 0, slant[3198] == 0, slant[3201] == 0}), Ints({1, 0, 0, 1}));
+
+    // Table gates 10..10 zero whole beams; the pending flag opens beam 0 of
+    // the first ping only (a ping without beams keeps it), a changed fan every
+    // beam of its ping.
+    SyntheticPing first(2000, {0.0f, 0.0f});
+    std::fill(first.envelope.begin(), first.envelope.end(), 1.0f);
+    first.gateTable.assign(512, 10);
+    first.firstBeamPending = 1;
+    first.beams = 0;
+    first.run(400);
+    EXPECT_EQ(first.firstBeamPending, 1);
+    first.beams = 2;
+    first.run(400);
+    EXPECT_EQ(first.firstBeamPending, 0);
+    EXPECT_EQ(Ints({first.envelope[99] == 0, first.envelope[100] == 0, first.envelope[1998] == 0,
+                    first.envelope[1999] == 0, first.envelope[2500] == 0}),
+              Ints({1, 0, 0, 1, 1}));
+    std::fill(first.envelope.begin(), first.envelope.end(), 1.0f);
+    first.run(400, 0.5f, 1);
+    EXPECT_EQ(first.envelope[2500], 1.0f);
+}
+
+TEST(DetectBeamCandidates, SameResultOnEveryThreadCount) {
+    // A fan of noisy beams with three echoes each, beams one after another
+    // (one line set) and in parallel (three).
+    std::vector<float> angles(256);
+    for (int b = 0; b < 256; ++b) angles[b] = -65.0f + 130.0f * b / 255.0f;
+    SyntheticPing serial(1200, angles, 1), parallel(1200, angles, 3);
+    std::mt19937 rng(3);
+    std::uniform_real_distribution<float> unit(0.0f, 1.0f);
+    for (int b = 0; b < 256; ++b) {
+        for (int e = 0; e < 3; ++e)
+            serial.addEcho(b, 150 + 1000 * unit(rng), 4 + 20 * unit(rng), 50 + 500 * unit(rng), e == 0);
+        for (std::size_t i = b * 1200u; i < (b + 1) * 1200u; ++i) {
+            serial.envelope[i] += 20.0f * unit(rng);
+            serial.iq[i].re += 0.2f * (unit(rng) - 0.5f);
+        }
+    }
+    parallel.envelope = serial.envelope;
+    parallel.iq = serial.iq;
+    serial.run(120);
+    parallel.run(120);
+    int detections = 0;
+    for (int i = 0; i < 256 * 6; ++i) {
+        const kvane::EchoCandidate& a = serial.records[i];
+        const kvane::EchoCandidate& b = parallel.records[i];
+        ASSERT_EQ(Ints({a.detectionSample, a.rawDetectionSample, a.method, a.gateStart, a.gateEnd}),
+                  Ints({b.detectionSample, b.rawDetectionSample, b.method, b.gateStart, b.gateEnd}));
+        ASSERT_EQ(std::memcmp(&a.quality, &b.quality, 2 * sizeof(float)), 0) << i;  // quality, level
+        detections += a.detectionSample != 0;
+    }
+    EXPECT_GT(detections, 256);
+    EXPECT_EQ(serial.envelope, parallel.envelope);
+}
+
+TEST(DetectBeamCandidates, HostileValuesStayInBounds) {
+    // Meant for the sanitizer build: NaN data, gates, limits, first echoes and
+    // pulse lengths far outside the beam, a beam shorter than the margins.
+    SyntheticPing nanEnvelope(300, {0.0f, 80.0f});
+    std::fill(nanEnvelope.envelope.begin(), nanEnvelope.envelope.end(), NAN);
+    nanEnvelope.run(-5, 0.5f, 1);
+    EXPECT_EQ(nanEnvelope.slot(0, 0).detectionSample, 0);
+    SyntheticPing nanPhase(3000, {10.0f});
+    nanPhase.addEcho(0, 1400.0f, 25.0f, 1000.0f, false);
+    std::fill(nanPhase.iq.begin(), nanPhase.iq.end(), cfloat{NAN, NAN});
+    nanPhase.run(400);
+    EXPECT_NEAR(nanPhase.slot(0, 0).detectionSample, 1401, 2);  // amplitude still stands
+    SyntheticPing wild(40, {0.0f, 90.0f});
+    wild.addEcho(0, 20.0f, 2.0f, 10.0f, true);
+    for (int32_t gate : {-1000000, 1000000}) {
+        wild.gateTable.assign(512, gate);
+        for (int32_t firstEcho : {-5, 12, 1 << 30, INT32_MIN}) wild.run(firstEcho);
+    }
+    wild.limits = kvane::DetectionLimits{INT32_MIN, INT32_MAX, -7, 1 << 30, 0.0f, 2};
+    wild.run(12, NAN, 1);
+    SyntheticPing tiny(12, {0.0f});
+    tiny.addEcho(0, 11.0f, 1.0f, 5.0f, true);
+    tiny.run(0, 0.5f, 1);
+    EXPECT_EQ(tiny.slot(0, 0).detectionSample, 0);
+}
+
+}  // namespace

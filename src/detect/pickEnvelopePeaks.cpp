@@ -1,6 +1,164 @@
-// pickEnvelopePeaks.cpp - stub, being built.
+// pickEnvelopePeaks.cpp - echo peaks of one smoothed beam envelope.
+#include <algorithm>
+#include <cmath>
+
 #include "detect.h"
 
 namespace kvane {
+
+int pickEnvelopePeaks(int32_t* peaks, int maxPeaks, const float* y, int n, int minDistance,
+                      float* levels, int32_t* order) {
+    if (n < 2 || maxPeaks < 1) return 0;
+
+    // Normalise to 0..1. A NaN or an infinity leaves no usable scale, and a
+    // flat envelope none at all: such a beam has no peaks.
+    // Eight independent lanes: the extremes do not depend on the order of the
+    // comparisons once NaN is ruled out.
+    float lowLane[8], highLane[8];
+    for (int k = 0; k < 8; ++k) lowLane[k] = highLane[k] = y[0];
+    int nanCount = 0;
+    const int whole = n - n % 8;
+    for (int i = 0; i < whole; i += 8)
+        for (int k = 0; k < 8; ++k) {
+            const float x = y[i + k];
+            nanCount += x != x;
+            lowLane[k] = x < lowLane[k] ? x : lowLane[k];
+            highLane[k] = x > highLane[k] ? x : highLane[k];
+        }
+    for (int i = whole; i < n; ++i) {
+        const float x = y[i];
+        nanCount += x != x;
+        lowLane[0] = x < lowLane[0] ? x : lowLane[0];
+        highLane[0] = x > highLane[0] ? x : highLane[0];
+    }
+    if (nanCount != 0) return 0;
+    float lowest = lowLane[0];
+    float highest = highLane[0];
+    for (int k = 1; k < 8; ++k) {
+        lowest = std::min(lowest, lowLane[k]);
+        highest = std::max(highest, highLane[k]);
+    }
+    const float range = std::fabs(lowest - highest);
+    if (range == 0.0f || !std::isfinite(range)) return 0;
+    // (min - y) scaled by the reciprocal of the largest magnitude, then made
+    // positive: the value of a division by a constant in this system.
+    const float scale = 1.0f / range;
+    float* v = levels;
+    for (int i = 0; i < n; ++i) v[i] = std::fabs((lowest - y[i]) * scale);
+    // The mapping is monotonic in y, so the highest level is that of the
+    // highest sample.
+    const float top = std::fabs((lowest - highest) * scale);
+    const float threshold = 0.2f * top;
+    minDistance = std::min(minDistance, n - 1);
+
+    // The samples above the threshold are found by a binary search for the
+    // threshold in the ascending order of v. The outcome of every probe depends
+    // only on the rank probed: rank r holds a value below the threshold when
+    // r < below, equal when below <= r < atMost, above otherwise. So the search
+    // runs on the ranks alone, without sorting.
+    int below = 0;
+    int atMost = 0;
+    for (int i = 0; i < n; ++i) {
+        below += v[i] < threshold;
+        atMost += v[i] <= threshold;
+    }
+    int lo = 0;
+    int hi = n - 1;
+    int position = -1;
+    while (lo <= hi) {
+        const int mid = (lo + hi) / 2;
+        if (mid >= atMost) {
+            hi = mid - 1;
+        } else if (mid < below) {
+            lo = mid + 1;
+        } else {
+            position = mid;
+            break;
+        }
+    }
+    if (position < 0) {
+        if (hi == n - 1) return 0;
+        position = lo;
+    }
+    // Samples equal to the threshold sit in ascending index order within the
+    // sorted copy (a stable sort); those ranked below the found position are
+    // not "above". The first skipTies of them, by index, drop out: ties from
+    // index tieCut on count as above.
+    const int skipTies = std::max(0, position - below);
+    int tieCut = 0;
+    if (skipTies > 0) {
+        int seen = 0;
+        for (int i = 0; i < n && seen <= skipTies; ++i)
+            if (v[i] == threshold) {
+                tieCut = i;
+                ++seen;
+            }
+        if (seen <= skipTies) tieCut = n;
+    }
+    auto isAbove = [&](int i) { return v[i] > threshold || (v[i] == threshold && i >= tieCut); };
+
+    // Local maxima from the slopes d[i] = v[i + 1] - v[i], in ascending index
+    // order (written unconditionally and kept by the count: noisy envelopes
+    // defeat branch prediction).
+    int count = 0;
+    if (n == 2) {
+        order[count++] = 0;
+    } else {
+        int s = 0;
+        // The first maximum of a falling start is index 1, not 0: the rule of
+        // this detector, even though sample 1 is lower than sample 0.
+        if (v[1] - v[0] < 0.0f) {
+            order[count++] = 1;
+            s = 1;
+        }
+        for (int i = s; i <= n - 4; ++i) {
+            order[count] = i + 1;
+            count += static_cast<int>(v[i + 1] - v[i] >= 0.0f) & static_cast<int>(v[i + 2] - v[i + 1] < 0.0f);
+        }
+        // Only the slope before last is looked at: a rise into the last sample
+        // makes no peak there.
+        const int e = std::max(s, n - 3);
+        if (v[e + 1] - v[e] > 0.0f) order[count++] = e + 1;
+    }
+    if (count == 0) return 0;
+
+    // Maxima that are also above the threshold; if there are none, the
+    // largest index above the threshold stands in.
+    int found = 0;
+    for (int k = 0; k < count; ++k) {
+        const int32_t index = order[k];
+        order[found] = index;
+        found += static_cast<int>(isAbove(index));
+    }
+    count = found;
+    if (count == 0) {
+        int largest = n - 1;
+        while (largest >= 0 && !isAbove(largest)) --largest;
+        if (largest < 0) return 0;
+        order[count++] = largest;
+    }
+
+    // Highest first, equal heights in ascending index order, then distance
+    // thinning: a peak survives unless it lies within minDistance of a higher
+    // survivor (survivors never remove each other). The order is drawn from a
+    // heap, so only the part up to the last survivor needed is ever ordered.
+    auto lower = [v](int32_t a, int32_t b) { return v[a] < v[b] || (v[a] == v[b] && a > b); };
+    std::make_heap(order, order + count, lower);
+    int kept = 0;
+    for (int heapSize = count; heapSize > 0 && kept < maxPeaks; --heapSize) {
+        std::pop_heap(order, order + heapSize, lower);
+        const int32_t candidate = order[heapSize - 1];
+        bool removed = false;
+        for (int k = 0; k < kept; ++k) {
+            const int64_t gap = static_cast<int64_t>(candidate) - peaks[k];
+            if (gap >= -static_cast<int64_t>(minDistance) && gap <= minDistance) {
+                removed = true;
+                break;
+            }
+        }
+        if (!removed) peaks[kept++] = candidate;
+    }
+    return kept;
+}
 
 }  // namespace kvane

@@ -70,14 +70,17 @@ void buildWorkspace() {
     ws.split.alignedChannels = alloc<cfloat>(kChannelSet + 8);
     ws.split.alignScratch = alloc<cfloat>(kTeamCapacity * (kLine + 8));
 
-    ws.detect.envelopeWork = alloc<float>(kLine + 8);
-    ws.detect.iqWork = alloc<cfloat>(kLine + 8);
-    ws.detect.gateIq = alloc<cfloat>(kLine + 8);
-    ws.detect.gateI = alloc<float>(kLine + 8);
-    ws.detect.gateQ = alloc<float>(kLine + 8);
-    ws.detect.gatePhase = alloc<float>(kLine + 8);
-    ws.detect.scratchA = alloc<float>(kLine + 8);
-    ws.detect.scratchB = alloc<float>(kLine + 8);
+    // One set of detector lines per thread of the team: beams run in parallel.
+    constexpr std::size_t kDetectLines = kTeamCapacity * static_cast<std::size_t>(kDetectLineLength);
+    ws.detect.envelopeWork = alloc<float>(kDetectLines);
+    ws.detect.iqWork = alloc<cfloat>(kDetectLines);
+    ws.detect.gateIq = alloc<cfloat>(kDetectLines);
+    ws.detect.gateI = alloc<float>(kDetectLines);
+    ws.detect.gateQ = alloc<float>(kDetectLines);
+    ws.detect.gatePhase = alloc<float>(kDetectLines);
+    ws.detect.scratchA = alloc<float>(kDetectLines);
+    ws.detect.scratchB = alloc<float>(kDetectLines);
+    ws.detect.lineSets = kTeamCapacity;
 
     retained.grid.x = alloc<float>(kGridCapacity);
     retained.grid.y = alloc<float>(kGridCapacity);
