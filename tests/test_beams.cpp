@@ -1,2 +1,407 @@
-// test_beams.cpp
+// test_beams.cpp - the fan, steering and beam sums, the split-aperture
+// correlators and the amplitude image, against plane waves and against the
+// definitions of the fan, the roll interpolation and the image steps.
 #include <gtest/gtest.h>
+#include <omp.h>
+
+#include <cmath>
+#include <complex>
+#include <memory>
+#include <vector>
+
+#include "driver/driver.h"
+#include "frontend/frontend.h"
+
+namespace {
+
+using kvane::cfloat;
+using cd = std::complex<double>;
+constexpr double kPi = 3.14159265358979323846;
+
+// A plane wave from theta degrees: element e carries exp(-j 2 pi 200 kHz tau_e)
+// env(t - tau_e), tau_e = e * 3.75 mm * sin(theta) / c, with a Gaussian
+// envelope (width in samples; width 0: a steady wave).
+std::vector<cfloat> planeWave(int32_t n, double theta, double c, double centre, double width) {
+    std::vector<cfloat> x(static_cast<std::size_t>(64) * n);
+    for (int e = 0; e < 64; ++e) {
+        const double tau = e * 0.00375 * std::sin(theta * kPi / 180.0) / c;
+        for (int32_t t = 0; t < n; ++t) {
+            const double u = width > 0.0 ? (t - tau * 20000.0 - centre) / width : 0.0;
+            const cd v = 1e-3 * std::exp(-0.5 * u * u) * std::exp(cd(0.0, -2e5 * 2.0 * kPi * tau));
+            x[static_cast<std::size_t>(e) * n + t] = {float(v.real()), float(v.imag())};
+        }
+    }
+    return x;
+}
+
+double phaseOf(cfloat v) { return std::atan2(v.im, v.re); }
+double absOf(cfloat v) { return std::hypot(v.re, v.im); }
+
+// The beamforming step's buffers for n samples and up to 256 beams; the
+// correlators' scratch at the workspace's sizes.
+struct Rig {
+    int32_t n;
+    std::vector<cfloat> filtered, raw, formed, split, steer, segFiltered, segChannel, segBeam,
+        segSplit, low, mid, high, sum, aligned, alignScratch;
+    float lastRollAngle = 0.0f, lastRollTime = 0.0f;
+    std::unique_ptr<KVaneParams> params = std::make_unique<KVaneParams>();
+    std::unique_ptr<KVaneResult> result = std::make_unique<KVaneResult>();
+    std::vector<float> angles = std::vector<float>(256);
+    std::vector<double> anglesDouble = std::vector<double>(256);
+
+    Rig(int32_t samples, int32_t B, float sector) : n(samples) {
+        for (auto* v : {&filtered, &raw, &segFiltered, &segChannel}) v->resize(64 * n);
+        for (auto* v : {&formed, &split, &segBeam, &segSplit}) v->resize(256 * n);
+        for (auto* v : {&low, &mid, &high, &sum}) v->resize(2048000);
+        aligned.resize(64 * 8000);
+        steer.resize(256 * 64);
+        alignScratch.resize(3 * 8008);
+        params->soundSpeed = 1500.0f;
+        params->rollCount = 1;
+        params->beamCount = B;
+        int32_t sig = 0;
+        std::vector<float> copies(1920);
+        kvane::finishBeamFan(angles.data(), anglesDouble.data(), copies.data(), sector, sector, 1,
+                             B, &sig);
+    }
+    kvane::SplitScratch scratch() {
+        return {low.data(), mid.data(), high.data(), sum.data(), aligned.data(), alignScratch.data()};
+    }
+    float form(const std::vector<cfloat>& x) {
+        filtered = raw = x;
+        kvane::BeamformingIo io{filtered.data(),   raw.data(),     formed.data(),
+                                split.data(),      steer.data(),   segFiltered.data(),
+                                segChannel.data(), segBeam.data(), segSplit.data(),
+                                scratch(),         &lastRollAngle, &lastRollTime};
+        return kvane::formBeams(params.get(), result.get(), angles.data(), anglesDouble.data(), n,
+                                &io);
+    }
+    cfloat formedAt(int32_t b, int32_t t) const { return formed[std::size_t(b) * n + t]; }
+    cfloat splitAt(int32_t b, int32_t t) const { return split[std::size_t(b) * n + t]; }
+};
+
+TEST(BeamFan, DefaultFansAndTheHostsFans) {
+    std::vector<float> a(256), copies(1920, -1.0f);
+    std::vector<double> ad(256);
+    const float ends[3][3] = {{64, -69.2f, 69.4f}, {128, -70.0f, 69.7f}, {256, -70.0f, 70.25f}};
+    for (const auto& c : ends) {
+        kvane::fillBeamAnglesFromTable(a.data(), int32_t(c[0]));
+        EXPECT_NEAR(a[0], c[1], 1e-5);
+        EXPECT_NEAR(a[int32_t(c[0]) - 1], c[2], 1e-4);
+    }
+    kvane::fillBeamAnglesFromTable(a.data(), 100);
+    for (int i = 0; i < 100; ++i) EXPECT_EQ(a[i], 0.0f);
+
+    // Equal angles from -P to +S, copied three times and to doubles.
+    int32_t sig = 0;
+    kvane::finishBeamFan(a.data(), ad.data(), copies.data(), 65.0f, 55.0f, 1, 256, &sig);
+    EXPECT_EQ(a[0], -65.0f);
+    EXPECT_NEAR(a[255], 55.0f, 1e-4);
+    for (int i = 1; i < 256; ++i) ASSERT_NEAR(a[i] - a[i - 1], 120.0 / 255.0, 1e-4);
+    for (int i = 0; i < 768; ++i) ASSERT_EQ(copies[i], a[i % 256]);
+    EXPECT_EQ(copies[768], -1.0f);
+    for (int i = 0; i < 256; ++i) ASSERT_EQ(ad[i], double(a[i]));
+
+    // Equal distances: the beams meet a flat bottom at equal steps, and with
+    // P == S the fan is symmetric up to the floors of the end positions.
+    kvane::finishBeamFan(a.data(), ad.data(), copies.data(), 60.0f, 60.0f, 2, 128, &sig);
+    const double dx = 2.0 * std::floor(10000.0 * std::tan(kPi / 3.0)) / 127.0;
+    for (int i = 0; i < 128; ++i) ASSERT_NEAR(a[i], -a[127 - i], 0.01) << i;
+    for (int i = 1; i < 128; ++i)
+        ASSERT_NEAR(10000.0 * (std::tan(a[i] * kPi / 180) - std::tan(a[i - 1] * kPi / 180)), dx,
+                    0.05 * dx);
+}
+
+TEST(BeamFan, SignatureReportsChangesAndTruncates) {
+    std::vector<float> a(256), copies(1920);
+    std::vector<double> ad(256);
+    int32_t sig = 0;
+    auto run = [&](float P, float S, int32_t B) {
+        return kvane::finishBeamFan(a.data(), ad.data(), copies.data(), P, S, 1, B, &sig);
+    };
+    EXPECT_EQ(run(60.0f, 60.0f, 256), 1);
+    EXPECT_EQ(sig, 377);
+    EXPECT_EQ(run(60.0f, 60.0f, 256), 0);
+    EXPECT_EQ(run(60.0f, 60.0f, 128), 1);
+    EXPECT_EQ(run(61.0f, 59.0f, 128), 0);  // only the sum counts
+    // A fractional sum is stored truncated, so it reads as new on every ping.
+    EXPECT_EQ(run(60.5f, 60.0f, 128), 1);
+    EXPECT_EQ(run(60.5f, 60.0f, 128), 1);
+    EXPECT_EQ(sig, 249);
+}
+
+TEST(InterpolateRoll, IntervalsEqualityBranchAndRetainedSample) {
+    float roll[100];
+    float lastAngle = 0.0f, lastTime = 0.0f;  // the previous ping's last sample
+    const float angles1[3] = {1.0f, 3.0f, 3.0f};
+    const int32_t times1[3] = {100, 200, 260};
+    kvane::interpolateRoll(roll, 30, angles1, times1, 3, 50, &lastAngle, &lastTime);
+    EXPECT_FLOAT_EQ(roll[0], 0.5f);   // 50 ms, from the retained sample (0 ms, 0)
+    EXPECT_FLOAT_EQ(roll[5], 1.0f);   // 100 ms: the interval that starts there
+    EXPECT_FLOAT_EQ(roll[10], 2.0f);  // 150 ms
+    EXPECT_EQ(roll[21], 0.0f);        // 260 ms, the last sample: no interval
+    EXPECT_EQ(roll[29], 0.0f);        // later than the table: 0, not held
+    EXPECT_EQ(lastAngle, 3.0f);
+    EXPECT_EQ(lastTime, 260.0f);
+
+    // Repeated times take the equality branch, which reads the table at the
+    // segment's index (3: the value 9), not at the matching position.
+    lastTime = 0.0f;
+    lastAngle = 0.0f;
+    const float angles2[4] = {2.0f, 7.0f, 9.0f, 11.0f};
+    const int32_t times2[4] = {60, 60, 200, 300};
+    kvane::interpolateRoll(roll, 5, angles2, times2, 4, 30, &lastAngle, &lastTime);
+    EXPECT_FLOAT_EQ(roll[0], 1.0f);
+    EXPECT_EQ(roll[3], 9.0f);
+    EXPECT_FLOAT_EQ(roll[4], 7.0f + 2.0f * 10.0f / 140.0f);
+    EXPECT_EQ(lastAngle, 11.0f);
+
+    // No samples: zero roll throughout, the retained sample stays.
+    kvane::interpolateRoll(roll, 5, angles2, times2, 0, 30, &lastAngle, &lastTime);
+    for (int k = 0; k < 5; ++k) EXPECT_EQ(roll[k], 0.0f);
+    EXPECT_EQ(lastAngle, 11.0f);
+}
+
+TEST(PlaneWave, PeaksInItsBeamWithARealPositiveSplitProduct) {
+    Rig rig(600, 256, 70.0f);
+    for (int32_t k : {30, 128, 240}) {
+        EXPECT_EQ(rig.form(planeWave(rig.n, rig.angles[k], 1500.0, 300.0, 15.0)), 0.0f);
+        int32_t best = -1;
+        double bestPower = -1.0;
+        for (int32_t b = 0; b < 256; ++b) {
+            double power = 0.0;
+            for (int32_t t = 0; t < rig.n; ++t) power += std::pow(absOf(rig.formedAt(b, t)), 2);
+            if (power > bestPower) bestPower = power, best = b;
+        }
+        EXPECT_EQ(best, k);
+        for (int32_t t = 290; t <= 310; ++t) {
+            EXPECT_GT(rig.splitAt(k, t).re, 0.0f) << k << " " << t;
+            EXPECT_NEAR(phaseOf(rig.splitAt(k, t)), 0.0, 0.01) << k << " " << t;
+        }
+    }
+}
+
+TEST(PlaneWave, SplitPhaseTellsStarboardFromPort) {
+    Rig rig(600, 128, 60.0f);
+    for (int32_t k : {20, 64, 110}) {
+        // A wave a little to starboard (larger angle) gives a positive phase.
+        rig.form(planeWave(rig.n, rig.angles[k] + 0.3, 1500.0, 300.0, 15.0));
+        EXPECT_GT(phaseOf(rig.splitAt(k, 300)), 0.05) << k;
+        rig.form(planeWave(rig.n, rig.angles[k] - 0.3, 1500.0, 300.0, 15.0));
+        EXPECT_LT(phaseOf(rig.splitAt(k, 300)), -0.05) << k;
+    }
+}
+
+TEST(PlaneWave, AlignmentKeepsAShortPulseCoherentAcrossTheArray) {
+    // At the outer sections a pulse takes about three samples to cross the
+    // array. Aligned for a section's centre beam, a short pulse from that
+    // direction peaks in the split product as high as a steady wave does;
+    // unaligned (the narrow-band product) it does not.
+    Rig rig(600, 256, 70.0f);
+    auto scratch = rig.scratch();
+    std::vector<cfloat> pulse(256 * 600), steady(256 * 600), narrow(256 * 600);
+    for (int32_t k : {8, 246}) {  // centre beams of the first and last section
+        const std::vector<cfloat> x = planeWave(600, rig.angles[k], 1500.0, 300.0, 2.5);
+        const std::vector<cfloat> y = planeWave(600, rig.angles[k], 1500.0, 0.0, 0.0);
+        kvane::correlateSubAperturesSectioned(x.data(), 600, 64, 0.0f, 1500.0f, rig.angles.data(),
+                                              256, pulse.data(), &scratch);
+        kvane::correlateSubAperturesSectioned(y.data(), 600, 64, 0.0f, 1500.0f, rig.angles.data(),
+                                              256, steady.data(), &scratch);
+        kvane::correlateSubAperturesNarrowBand(x.data(), 600, 0.0f, 1500.0f,
+                                               rig.anglesDouble.data(), 256, 1, narrow.data(),
+                                               &scratch);
+        const double level = absOf(steady[k * 600 + 300]);
+        EXPECT_NEAR(absOf(pulse[k * 600 + 300]) / level, 1.0, 0.003) << k;
+        EXPECT_LT(absOf(narrow[k * 600 + 300]) / level, 0.9) << k;
+    }
+}
+
+TEST(PlaneWave, NarrowBandAndSectionedAgreeOnASteadyWave) {
+    // With a steady wave the time alignment changes nothing away from the
+    // block's ends, so both correlators give every beam the same product.
+    const int32_t n = 300;
+    Rig rig(n, 128, 70.0f);
+    const std::vector<cfloat> x = planeWave(n, 23.3, 1480.0, 0.0, 0.0);
+    auto scratch = rig.scratch();
+    std::vector<cfloat> narrow(128 * n), sectioned(128 * n);
+    kvane::correlateSubAperturesNarrowBand(x.data(), n, 1.5f, 1480.0f, rig.anglesDouble.data(), 128,
+                                           1, narrow.data(), &scratch);
+    kvane::correlateSubAperturesSectioned(x.data(), n, 64, 1.5f, 1480.0f, rig.angles.data(), 128,
+                                          sectioned.data(), &scratch);
+    double peak = 0.0;
+    for (const cfloat& v : narrow) peak = std::max(peak, absOf(v));
+    for (int32_t b = 0; b < 128; ++b)
+        for (int32_t t = 8; t < n - 8; ++t) {
+            const cfloat a = narrow[b * n + t], s = sectioned[b * n + t];
+            ASSERT_NEAR(a.re, s.re, 2e-4 * peak) << b << " " << t;
+            ASSERT_NEAR(a.im, s.im, 2e-4 * peak) << b << " " << t;
+        }
+}
+
+TEST(Segmented, ConstantRollEqualsTheTurnedFan) {
+    const float r = 2.5f;
+    for (int32_t n : {1000, 1001}) {  // the second ends in a one-sample segment
+        Rig seg(n, 256, 65.0f), turned(n, 256, 65.0f);
+        for (int32_t b = 0; b < 256; ++b) {
+            turned.angles[b] = seg.angles[b] + r;
+            turned.anglesDouble[b] = seg.anglesDouble[b] + r;
+        }
+        seg.params->rollCount = 2;
+        seg.params->rollAngle[0] = seg.params->rollAngle[1] = seg.lastRollAngle = r;
+        seg.params->rollTime[1] = 100000;
+        seg.params->pingTime = 500;
+        seg.lastRollTime = -1000.0f;
+        const std::vector<cfloat> x = planeWave(n, 31.0, 1500.0, 500.0, 40.0);
+        EXPECT_EQ(seg.form(x), r);
+        turned.form(x);
+        for (int k = 0; k < 100; ++k)
+            EXPECT_EQ(seg.result->segmentRoll[k], k < (n + 199) / 200 ? r : 0.0f);
+        EXPECT_EQ(seg.lastRollTime, 100000.0f);
+
+        double peak = 0.0, splitPeak = 0.0;
+        for (std::size_t i = 0; i < turned.formed.size(); ++i) {
+            peak = std::max(peak, absOf(turned.formed[i]));
+            splitPeak = std::max(splitPeak, absOf(turned.split[i]));
+        }
+        for (int32_t b = 0; b < 256; ++b)
+            for (int32_t t = 0; t < n; ++t) {
+                ASSERT_NEAR(seg.formedAt(b, t).re, turned.formedAt(b, t).re, 1e-5 * peak);
+                ASSERT_NEAR(seg.formedAt(b, t).im, turned.formedAt(b, t).im, 1e-5 * peak);
+                // Split products differ only near segment borders, where each
+                // segment is aligned on its own.
+                if (t % 200 < 8 || t % 200 >= 192 || t >= n - 8) continue;
+                ASSERT_NEAR(seg.splitAt(b, t).re, turned.splitAt(b, t).re, 1e-5 * splitPeak);
+                ASSERT_NEAR(seg.splitAt(b, t).im, turned.splitAt(b, t).im, 1e-5 * splitPeak);
+            }
+    }
+}
+
+TEST(Segmented, OutOfRangeRollCountIsWrittenBackAsOne) {
+    Rig rig(400, 64, 60.0f);
+    rig.params->rollCount = -101;
+    rig.params->rollAngle[0] = 1.0f;
+    rig.params->rollTime[0] = 1000;
+    rig.lastRollAngle = 1.0f;
+    rig.lastRollTime = -1000.0f;
+    EXPECT_EQ(rig.form(planeWave(rig.n, 0.0, 1500.0, 200.0, 20.0)), 1.0f);
+    EXPECT_EQ(rig.params->rollCount, 1);
+    // Still segmented on this ping, steered with the one sample.
+    EXPECT_EQ(rig.result->segmentRoll[1], 1.0f);
+    EXPECT_EQ(rig.lastRollTime, 1000.0f);
+}
+
+TEST(Segmented, BeamsDoNotDependOnTheThreadCount) {
+    const int32_t n = 1001;
+    const std::vector<cfloat> x = planeWave(n, 12.0, 1500.0, 600.0, 30.0);
+    for (int32_t rollCount : {1, 3}) {  // one-shot and segmented
+        std::vector<cfloat> out[2];
+        for (int run = 0; run < 2; ++run) {
+            Rig rig(n, 128, 60.0f);
+            rig.params->rollCount = rollCount;
+            for (int k = 0; k < 3; ++k) {
+                rig.params->rollAngle[k] = 1.5f * k - 1.0f;
+                rig.params->rollTime[k] = 30 * k;
+            }
+            const int before = omp_get_max_threads();
+            omp_set_num_threads(run == 0 ? 1 : 3);
+            rig.form(x);
+            omp_set_num_threads(before);
+            out[run] = rig.formed;
+            out[run].insert(out[run].end(), rig.split.begin(), rig.split.end());
+        }
+        for (std::size_t i = 0; i < out[0].size(); ++i) {
+            ASSERT_EQ(out[0][i].re, out[1][i].re) << rollCount << " " << i;
+            ASSERT_EQ(out[0][i].im, out[1][i].im) << rollCount << " " << i;
+        }
+    }
+}
+
+TEST(SplitSections, TablesForTheDriverBeamCounts) {
+    const int32_t table[3][31] = {
+        {1, 5, 9, 14, 18, 22, 26, 30, 35, 39, 43, 47, 51, 56, 60, 64,
+         2, 6, 10, 15, 19, 23, 27, 31, 36, 40, 44, 48, 52, 57, 61},
+        {1, 9, 18, 26, 35, 43, 52, 60, 69, 77, 86, 94, 103, 111, 120, 128,
+         4, 12, 21, 29, 38, 46, 55, 63, 72, 80, 89, 97, 106, 114, 123},
+        {1, 18, 35, 52, 69, 86, 103, 120, 137, 154, 171, 188, 205, 222, 239, 256,
+         8, 25, 42, 59, 76, 93, 110, 127, 144, 161, 178, 195, 212, 229, 246}};
+    for (const auto& row : table) {
+        kvane::SplitSection s[15];
+        kvane::splitSections(s, row[15]);
+        for (int i = 0; i < 15; ++i) {
+            EXPECT_EQ(s[i].first, row[i]);
+            EXPECT_EQ(s[i].last, row[i + 1]);
+            EXPECT_EQ(s[i].centreBeam, row[16 + i]);
+        }
+    }
+}
+
+TEST(FractionalDelay, UnitImpulseAtZeroAndAPhaseDelayElsewhere) {
+    float h[5];
+    kvane::fractionalDelayTaps(h, 0.0);
+    for (int j = 0; j < 5; ++j) EXPECT_NEAR(h[j], j == 2 ? 1.0 : 0.0, 3e-6) << j;
+    // A slow tone through the filter comes out delayed by d samples:
+    // sum over m of h[m] exp(j w (2 - m)) = exp(-j w d), unit gain at 0.
+    for (double d : {-0.5, -0.3, -0.1, 0.1, 0.25, 0.4999}) {
+        kvane::fractionalDelayTaps(h, d);
+        cd response = 0.0;
+        for (int m = 0; m < 5; ++m) response += double(h[m]) * std::exp(cd(0.0, 0.3 * (2 - m)));
+        EXPECT_NEAR(h[0] + h[1] + h[2] + h[3] + h[4], 1.0, 1e-6) << d;
+        EXPECT_NEAR(std::arg(response), -0.3 * d, 1e-3) << d;
+        EXPECT_NEAR(std::abs(response), 1.0, 1e-3) << d;
+    }
+}
+
+TEST(BeamImage, MagnitudeAndHalfFanClipping) {
+    // Odd beam count: the last beam takes no part. An all-zero half stays zero.
+    std::vector<float> rows = {10, 2, 10, 3, 0.5f, 0, 0, 5, 1, 0.2f};
+    kvane::clipHalfFans(rows.data(), 2, 5, 0.5f);
+    EXPECT_EQ(rows, (std::vector<float>{10, 1, 10, 1, 0.5f, 0, 0, 5, 1, 0.2f}));
+    // A ratio of 0 acts as 0.01, one of 1 as 0.99.
+    std::vector<float> low = {100, 0.5f, 0, 0}, high = {100, 99.5f, 98.9f, 100, 0, 0, 0, 0};
+    kvane::clipHalfFans(low.data(), 1, 4, 0.0f);
+    kvane::clipHalfFans(high.data(), 1, 8, 1.0f);
+    EXPECT_EQ(low, (std::vector<float>{100, 1, 0, 0}));
+    EXPECT_EQ(high, (std::vector<float>{100, 99.5f, 1, 100, 0, 0, 0, 0}));
+
+    // The whole step (magnitudes clipped per sample, in both images) against
+    // the sample-major definition: an odd beam count, a length that is no
+    // multiple of any tile, samples whose whole half is zero.
+    const int32_t B = 7, n = 150;
+    std::vector<cfloat> formed(B * n);
+    std::vector<float> bySample(n * B);
+    uint32_t seed = 12345;
+    for (int32_t b = 0; b < B; ++b)
+        for (int32_t t = 0; t < n; ++t) {
+            seed = seed * 1664525u + 1013904223u;
+            const float re = float(seed >> 8) / 16777216.0f - 0.5f;
+            const cfloat v = (t % 10 == 0 && b < 3) ? cfloat{0, 0} : cfloat{re, 0.25f - re * re};
+            formed[b * n + t] = v;
+            bySample[t * B + b] = std::sqrt(v.re * v.re + v.im * v.im);
+        }
+    kvane::clipHalfFans(bySample.data(), n, B, 0.6f);
+    std::vector<float> env(B * n), image(B * n);
+    kvane::conditionBeamImage(env.data(), nullptr, image.data(), formed.data(), B, n, 0.6f, false);
+    for (int32_t b = 0; b < B; ++b)
+        for (int32_t t = 0; t < n; ++t) ASSERT_EQ(env[b * n + t], bySample[t * B + b]) << b << " " << t;
+    EXPECT_EQ(env, image);
+    EXPECT_EQ(env[0], 0.0f);
+}
+
+TEST(BeamImage, SmoothingSpreadsAnImpulseOverSevenBySeven) {
+    const int32_t B = 20, n = 30;
+    const float k = (1.0f / 7.0f) * (1.0f / 7.0f);
+    for (auto [b0, t0] : {std::pair{10, 15}, std::pair{0, 0}, std::pair{19, 29}}) {
+        std::vector<float> env(B * n, 0.0f), image((n + 6) * (B + 6), -1.0f);
+        env[b0 * n + t0] = 49.0f;
+        kvane::smoothBeamImage(env.data(), image.data(), B, n);
+        for (int32_t b = 0; b < B; ++b)
+            for (int32_t t = 0; t < n; ++t) {
+                const bool inside = std::abs(b - b0) <= 3 && std::abs(t - t0) <= 3;
+                ASSERT_EQ(env[b * n + t], inside ? 49.0f * k : 0.0f) << b << " " << t;
+                ASSERT_EQ(image[b * n + t], env[b * n + t]);
+            }
+    }
+    EXPECT_NEAR(49.0f * k, 1.0f, 1e-6f);
+}
+
+}  // namespace

@@ -51,9 +51,19 @@ uint8_t finishBeamFan(float* beamAngles, double* beamAnglesDouble, float* beamAn
                       int32_t beamCount, int32_t* geometrySignature);
 
 // Steering weights of B beams x 64 elements, computed in double precision and
-// rounded to single precision: taper[c] * exp(j 4712.38921875/c * sin(a) * c).
+// rounded to single precision: taper[e] * exp(j 4712.38921875 / soundSpeed *
+// sin(angle + offset) * e). steerMatrix: beamCount rows of 64.
 void formSteeringMatrix(cfloat* steerMatrix, const double* beamAnglesDouble, int32_t beamCount,
                         double offsetDegrees, float soundSpeed);
+
+// The beam sums C (m x n) = A (m x k, lda) * B (k x n, ldb), row-major, cut
+// into a fixed grid of blocks: 256-column blocks when n is at least 512, else
+// 64-row blocks. The grid depends on the shape only, so a thread team that
+// shares the blocks (each a single-threaded library call) gets the same
+// result whatever its size.
+int32_t productBlockCount(int32_t m, int32_t n);
+void productBlock(int32_t block, int32_t m, int32_t n, int32_t k, const cfloat* a, int32_t lda,
+                  const cfloat* b, int32_t ldb, cfloat* c, int32_t ldc);
 
 // Everything the beamforming step needs and leaves.
 struct BeamformingIo {
@@ -74,7 +84,9 @@ struct BeamformingIo {
 // Forms formedBeamIq and splitBeamIq: once for the ping when rollCount is 1,
 // else per 200-sample segment steered by the interpolated roll (rollCount
 // outside -100..100 is written back as 1). Writes segmentRoll on the segmented
-// path. Returns angleOffset, the roll the tracker sees.
+// path. Returns angleOffset, the roll the tracker sees. n: 0..8000. The
+// matrix library runs single-threaded inside the step's thread team; its
+// thread count is restored on return.
 float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngles,
                 const double* beamAnglesDouble, int32_t n, const BeamformingIo* io);
 
@@ -90,6 +102,18 @@ void interpolateRoll(float* segmentRollLocal, int32_t segmentCount, const float*
 void conditionBeamImage(float* beamEnvelope, float* beamEnvelopeBySample, float* beamImage,
                         const cfloat* formedBeamIq, int32_t beamCount, int32_t n,
                         float clipRatio, bool smooth);
+
+// Half-fan clipping of rowCount sample rows of beamCount amplitudes each
+// (sample-major): in each row, the values of a half of the fan below
+// clipRatio (clamped to 0.01..0.99) times that half's maximum become 1.0.
+// With an odd beam count the last beam takes no part.
+void clipHalfFans(float* rows, int32_t rowCount, int32_t beamCount, float clipRatio);
+
+// 7x7 mean of the beamCount x n image beamEnvelope (beam-major), zeros
+// outside the image. The full convolution ((beamCount + 6) rows of n + 6)
+// passes through beamImage; on return beamEnvelope and the first n *
+// beamCount floats of beamImage hold the smoothed image, packed.
+void smoothBeamImage(float* beamEnvelope, float* beamImage, int32_t beamCount, int32_t n);
 
 // Rebuilds the sector grid when its key (sums of sectors, n*B + W*H) changed.
 void updateSectorGrid(SectorGrid* grid, float sectorPort, float sectorStarboard,

@@ -1,8 +1,248 @@
-// formBeams.cpp - stub, being built.
+// formBeams.cpp - steering weights, the beam sums and the split-aperture
+// products of a ping: once for the whole ping, or per 200-sample segment with
+// the fan turned by the roll of that segment's moment.
+
+#include <cblas.h>
+#include <omp.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+
 #include "driver.h"
 
 namespace kvane {
-void formSteeringMatrix(cfloat*, const double*, int32_t, double, float) {}
-void interpolateRoll(float*, int32_t, const float*, const int32_t*, int32_t, int32_t, float*, float*) {}
-float formBeams(KVaneParams*, KVaneResult*, const float*, const double*, int32_t, const BeamformingIo*) { return 0.0f; }
+namespace {
+
+// Amplitude taper of the 64-element array, elements 0 to 31; 32 to 63 mirror
+// them. Mirror-symmetric, summing to 64.
+constexpr double kSteerTaperHalf[32] = {
+    0.379662651083609, 0.386871609155205, 0.401156908046637, 0.422258374303884,
+    0.449798089484145, 0.483294352883321, 0.522178953743148, 0.565816729590305,
+    0.61352628083129,  0.664600686726341, 0.718327124667912, 0.774004427140212,
+    0.830957806822049, 0.888550223192389, 0.94619013351194,  1.00333564532441,
+    1.05949534494591,  1.11422629703831,  1.16712987809368,  1.21784621013317,
+    1.26604799448218,  1.31143450952036,  1.35372643711647,  1.39266203157475,
+    1.42799495800365,  1.45949392241404,  1.48694401292841,  1.51014948889346,
+    1.5289376087409,   1.5431629906673,   1.55271196029454,  1.55750635864608};
+
+inline double steerTaper(int32_t c) { return kSteerTaperHalf[c < 32 ? c : 63 - c]; }
+
+// Degrees to radians by the stored divisor (180 over the single-precision pi),
+// applied as a multiplication by its reciprocal.
+constexpr double kDegreesPerRadian = 57.29577791868205;
+// 2 pi * 200 kHz * 3.75 mm in m/s, as stored: the phase step between
+// neighbouring elements is this over the sound speed, times sin(angle).
+constexpr double kPhaseConstant = -4712.38921875;
+
+inline int32_t segmentCountOf(int32_t n) { return (n + kSegmentLength - 1) / kSegmentLength; }
+
+// Row b of the steering matrix: taper[c] * exp(-j phase), phase = sin(angle) *
+// c * (-4712.38921875 / soundSpeed), all in double precision and rounded to
+// single precision only for the product.
+void steeringRow(cfloat* row, double angleDegrees, double offsetDegrees, double phaseScale) {
+    // An offset of 0.0 is a plain copy of the angle (keeps the sign of a zero).
+    const double angle = offsetDegrees == 0.0 ? angleDegrees : angleDegrees + offsetDegrees;
+    const double scaledSin = std::sin(angle * (1.0 / kDegreesPerRadian)) * phaseScale;
+    for (int32_t c = 0; c < kChannels; ++c) {
+        const double phase = scaledSin * static_cast<double>(c);
+        const double t = steerTaper(c);
+        double sn, cs;
+        ::sincos(-phase, &sn, &cs);  // the same values as sin and cos, in one call
+        row[c] = cfloat{static_cast<float>(cs * t), static_cast<float>(sn * t)};
+    }
+}
+
+}  // namespace
+
+void formSteeringMatrix(cfloat* steerMatrix, const double* beamAnglesDouble, int32_t beamCount,
+                        double offsetDegrees, float soundSpeed) {
+    const double phaseScale = kPhaseConstant / static_cast<double>(soundSpeed);
+#pragma omp parallel for num_threads(teamSize()) schedule(static)
+    for (int32_t b = 0; b < beamCount; ++b)
+        steeringRow(steerMatrix + static_cast<int64_t>(b) * kChannels, beamAnglesDouble[b],
+                    offsetDegrees, phaseScale);
+}
+
+namespace {
+constexpr int32_t kProductColumns = 256;
+constexpr int32_t kProductRows = 64;
+}  // namespace
+
+int32_t productBlockCount(int32_t m, int32_t n) {
+    if (m < 1 || n < 1) return 0;
+    if (n >= 2 * kProductColumns) return (n + kProductColumns - 1) / kProductColumns;
+    return (m + kProductRows - 1) / kProductRows;
+}
+
+void productBlock(int32_t block, int32_t m, int32_t n, int32_t k, const cfloat* a, int32_t lda,
+                  const cfloat* b, int32_t ldb, cfloat* c, int32_t ldc) {
+    if (m < 1 || n < 1 || k < 1) return;
+    int32_t row0 = 0, rows = m, col0 = 0, cols = n;
+    if (n >= 2 * kProductColumns) {
+        col0 = block * kProductColumns;
+        cols = n - col0 < kProductColumns ? n - col0 : kProductColumns;
+    } else {
+        row0 = block * kProductRows;
+        rows = m - row0 < kProductRows ? m - row0 : kProductRows;
+    }
+    if (rows < 1 || cols < 1) return;
+    const float one[2] = {1.0f, 0.0f};
+    const float zero[2] = {0.0f, 0.0f};
+    cblas_cgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, rows, cols, k, one,
+                a + static_cast<int64_t>(row0) * lda, lda, b + col0, ldb, zero,
+                c + static_cast<int64_t>(row0) * ldc + col0, ldc);
+}
+
+void interpolateRoll(float* segmentRollLocal, int32_t segmentCount, const float* rollAngle,
+                     const int32_t* rollTime, int32_t rollCount, int32_t pingTime,
+                     float* lastRollAngle, float* lastRollTime) {
+    // Entry 0 is the last sample of the previous ping's table, entries 1 to
+    // rollCount this ping's. The table is cleared first, so entries past
+    // rollCount (reachable through the segment-indexed branch below) read 0.0.
+    float rollValues[101] = {};
+    float rollTimes[101] = {};
+    rollValues[0] = *lastRollAngle;
+    rollTimes[0] = *lastRollTime;
+    const int32_t count = rollCount > 100 ? 100 : rollCount;
+    for (int32_t j = 0; j < count; ++j) {
+        rollValues[j + 1] = rollAngle[j];
+        rollTimes[j + 1] = static_cast<float>(rollTime[j]);
+    }
+    const int32_t segments = segmentCount > 100 ? 100 : segmentCount;
+    for (int32_t k = 0; k < segments; ++k) {
+        const float t = static_cast<float>(pingTime) + 10.0f * static_cast<float>(k);
+        float roll = 0.0f;  // later than every sample: no extrapolation, no hold
+        for (int32_t j = 0; j < count; ++j) {
+            if (rollTimes[j + 1] > t) {
+                const float slope =
+                    (rollValues[j + 1] - rollValues[j]) / (rollTimes[j + 1] - rollTimes[j]);
+                roll = std::fma(slope, t - rollTimes[j], rollValues[j]);
+                break;
+            }
+            if (rollTimes[j] == t) {
+                // Indexed with the segment, not with the table position: this is
+                // the rule (reached only with repeated or falling times).
+                roll = rollValues[k];
+                break;
+            }
+        }
+        segmentRollLocal[k] = roll;
+    }
+    // A negative count has no last sample of its own: the retained sample then
+    // stays as it was, like a count of 0.
+    if (count >= 0) {
+        *lastRollAngle = rollValues[count];
+        *lastRollTime = rollTimes[count];
+    }
+}
+
+float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngles,
+                const double* beamAnglesDouble, int32_t n, const BeamformingIo* io) {
+    const int32_t B = params->beamCount;
+    const float soundSpeed = params->soundSpeed;
+    if (B < 1 || B > kMaxBeams || n > kMaxSamples) return 0.0f;
+    const double phaseScale = kPhaseConstant / static_cast<double>(soundSpeed);
+
+    // All the work of this step is shared by the one thread team, the matrix
+    // library running single-threaded inside it: one set of threads, not two
+    // competing for the cores. Every block of work is the same computation
+    // whichever thread does it, so no result depends on the team's size. The
+    // library's own setting is restored at the end.
+    const int savedThreads = matrixThreads();
+    setMatrixThreads(1);
+
+    // The narrow-band correlator (correlateSubAperturesNarrowBand) is not run on
+    // either path: the sectioned correlator follows it on the same output block
+    // and replaces every sample it would write, so no result depends on it.
+    if (params->rollCount == 1) {
+        if (n >= 1) {
+            // Steering rows, then the beam sums over the product's fixed grid
+            // of blocks.
+            const int32_t blocks = productBlockCount(B, n);
+#pragma omp parallel num_threads(teamSize())
+            {
+#pragma omp for schedule(static)
+                for (int32_t b = 0; b < B; ++b)
+                    steeringRow(io->steerMatrix + static_cast<int64_t>(b) * kChannels,
+                                beamAnglesDouble[b], 0.0, phaseScale);
+#pragma omp for schedule(static)
+                for (int32_t k = 0; k < blocks; ++k)
+                    productBlock(k, B, n, kChannels, io->steerMatrix, kChannels,
+                                 io->filteredChannels, n, io->formedBeamIq, n);
+            }
+            correlateSubAperturesSectioned(io->rawChannels, n, kChannels, 0.0f, soundSpeed,
+                                           beamAngles, B, io->splitBeamIq, &io->split);
+        }
+        setMatrixThreads(savedThreads);
+        return 0.0f;
+    }
+
+    // Segmented path. An out-of-range count is written back as 1; this ping
+    // stays segmented with that single sample.
+    int32_t rollCount = params->rollCount;
+    if (rollCount > 100 || rollCount < -100) {
+        params->rollCount = 1;
+        rollCount = 1;
+    }
+    const int32_t segments = n > 0 ? segmentCountOf(n) : 0;
+    float segmentRollLocal[100] = {};
+    interpolateRoll(segmentRollLocal, segments, params->rollAngle, params->rollTime, rollCount,
+                    params->pingTime, io->lastRollAngle, io->lastRollTime);
+    std::memcpy(result->segmentRoll, segmentRollLocal, sizeof segmentRollLocal);
+
+    // The team shares whole segments. A thread takes a segment from start to
+    // end: gathers its channels, steers the fan by the segment's roll, forms
+    // its beams and split-aperture products, and scatters both into the
+    // ping's rows. Segments own disjoint blocks and columns, and each
+    // thread steers into a matrix of its own (so steerMatrix is not used
+    // on this path).
+#pragma omp parallel num_threads(teamSize())
+    {
+        const SplitThreadStore store =
+            splitThreadStore(&io->split, omp_get_thread_num(), kSegmentLength);
+        // The thread's own steering matrix, B x 64 (128 KB of stack).
+        cfloat steer[kMaxBeams * kChannels];
+#pragma omp for schedule(static)
+        for (int32_t s = 0; s < segments; ++s) {
+            const int32_t start = s * kSegmentLength;
+            const int32_t len = n - start < kSegmentLength ? n - start : kSegmentLength;
+            cfloat* segFiltered = io->segFilteredIq + static_cast<int64_t>(s) * kChannels * 200;
+            cfloat* segChannel = io->segChannelIq + static_cast<int64_t>(s) * kChannels * 200;
+            cfloat* segBeam = io->segBeamIq + static_cast<int64_t>(s) * 200 * B;
+            cfloat* segSplit = io->segSplitIq + static_cast<int64_t>(s) * 200 * B;
+            const std::size_t rowBytes = sizeof(cfloat) * static_cast<std::size_t>(len);
+
+            for (int32_t c = 0; c < kChannels; ++c) {
+                const int64_t from = static_cast<int64_t>(c) * n + start;
+                std::memcpy(segFiltered + static_cast<int64_t>(c) * len,
+                            io->filteredChannels + from, rowBytes);
+                std::memcpy(segChannel + static_cast<int64_t>(c) * len, io->rawChannels + from,
+                            rowBytes);
+            }
+            const double roll = static_cast<double>(segmentRollLocal[s]);
+            for (int32_t b = 0; b < B; ++b)
+                steeringRow(steer + static_cast<int64_t>(b) * kChannels,
+                            beamAnglesDouble[b], roll, phaseScale);
+            const float one[2] = {1.0f, 0.0f};
+            const float zero[2] = {0.0f, 0.0f};
+            cblas_cgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, B, len, kChannels, one,
+                        steer, kChannels, segFiltered, len, zero, segBeam, len);
+            correlateSubAperturesSectionedOnThread(segChannel, len, segmentRollLocal[s],
+                                                   soundSpeed, beamAngles, B, segSplit, &store);
+            for (int32_t b = 0; b < B; ++b) {
+                const int64_t to = static_cast<int64_t>(b) * n + start;
+                std::memcpy(io->formedBeamIq + to, segBeam + static_cast<int64_t>(b) * len,
+                            rowBytes);
+                std::memcpy(io->splitBeamIq + to, segSplit + static_cast<int64_t>(b) * len,
+                            rowBytes);
+            }
+        }
+    }
+    setMatrixThreads(savedThreads);
+    // The tracker sees the roll of the last segment (with no segment, the
+    // host's first roll sample).
+    return segments > 0 ? segmentRollLocal[segments - 1] : params->rollAngle[0];
+}
+
 }  // namespace kvane

@@ -1,6 +1,314 @@
-// correlateSubAperturesSectioned.cpp - stub, being built.
+// correlateSubAperturesSectioned.cpp - the split-aperture product of every
+// beam: three overlapping 32-element sub-apertures (elements 0, 16, 32), each
+// beam formed per sub-aperture, neighbours multiplied by each other's
+// conjugate. The fan is cut into 15 sections; for each the channels are
+// aligned in time for the section's centre beam (whole-sample shift plus a
+// 5-tap fractional delay), so that only the small residue between the centre
+// beam and the section's other beams is left to the phase shift.
+#include <cblas.h>
+#include <omp.h>
+
+#include <cmath>
+#include <cstring>
+
 #include "frontend.h"
 
 namespace kvane {
-void correlateSubAperturesSectioned(const cfloat*, int32_t, int32_t, float, float, const float*, int32_t, cfloat*, const SplitScratch*) {}
+namespace {
+
+// Sub-aperture taper, entries 0 to 15; 16 to 31 mirror them. The end weight
+// above its neighbour is part of the design (equal-ripple window).
+constexpr float kSubApertureTaperHalf[16] = {
+    0.4438836f, 0.2433151f, 0.3035482f, 0.3683799f, 0.4367064f, 0.5072329f,
+    0.5785091f, 0.6489719f, 0.7169954f, 0.7809441f, 0.8392290f, 0.8903624f,
+    0.9330113f, 0.9660454f, 0.9885782f, 1.0000000f};
+
+inline float subApertureTaper(int32_t i) { return kSubApertureTaperHalf[i < 16 ? i : 31 - i]; }
+
+// Row k holds the coefficients of d^k of the five taps of the delay filter.
+constexpr double kFractionalDelayTable[6][5] = {
+    {-3.50803037118889e-07, 1.35685515640371e-06, 0.999997987032676, 1.35685520930121e-06,
+     -3.50803066878865e-07},
+    {0.0909829233360522, -0.681326112536417, 3.66333144794981e-11, 0.681326112486201,
+     -0.0909829233223881},
+    {-0.0447457301412817, 0.67858047854356, -1.26767694842714, 0.678580478543843,
+     -0.044745730141441},
+    {-0.0929638220292721, 0.185120423780519, -1.69894211645447e-09, -0.185120421451633,
+     0.0929638213954753},
+    {0.0452701109953302, -0.180608862361248, 0.270686240111911, -0.180608862363717,
+     0.0452701109967203},
+    {0.00199182889609306, -0.0038149654002863, 6.31901447807196e-09, 0.0038149567382984,
+     -0.00199182653877037}};
+
+// Degrees per radian as stored in single precision.
+constexpr float kDegreesPerRadian = 57.29578f;
+// 2 pi * 200 kHz * 3.75 mm (m/s): phase step between neighbouring elements,
+// over the sound speed, times sin(angle).
+constexpr float kPhaseConstant = -4712.389f;
+// 3.75 mm * 20000 samples/s (m/s): delay step between neighbouring elements in
+// samples, over the sound speed, times sin(angle).
+constexpr float kDelayConstant = -75.0f;
+
+// A section holds at most 19 beams for a fan of up to 256 beams.
+constexpr int32_t kMaxSectionBeams = 24;
+constexpr int32_t kScratchRow = 8000 + 8;
+
+// Channel ch of the block, aligned for a beam whose delay at this channel is
+// shift + fraction samples: advanced by the whole shift, then delayed by
+// -fraction through the 5-tap filter centred on tap 2.
+//
+// The shifted row holds x[k + shift] where both k and k + shift lie in
+// 0..n-1 and zeros elsewhere; the filter reads it from position 2 on, sees
+// nothing before that position, and reads zeros for the two samples past the
+// row's end. Zeros at both places make each channel's result depend on its
+// own samples only (not on the thread count or on the previous channel).
+// q is scratch of n + 4 samples; q[4 + i] is the filter's input sample i.
+void alignChannel(cfloat* aligned, const cfloat* x, int32_t n, int32_t shift, const float* h,
+                  cfloat* q) {
+    // Filter input i is row position 2 + i, i.e. x[i + 2 + shift].
+    int32_t lo = -2 - shift;
+    if (lo < 0) lo = 0;
+    if (lo > n) lo = n;
+    int32_t hi = n - 2;
+    if (n - 2 - shift < hi) hi = n - 2 - shift;
+    if (hi < lo) hi = lo;
+    std::memset(q, 0, sizeof(cfloat) * static_cast<std::size_t>(4 + lo));
+    if (hi > lo)
+        std::memcpy(q + 4 + lo, x + lo + 2 + shift, sizeof(cfloat) * static_cast<std::size_t>(hi - lo));
+    std::memset(q + 4 + hi, 0, sizeof(cfloat) * static_cast<std::size_t>(n - hi));
+
+    // z[t] = sum over j of h[j] * input[t - j], on the interleaved floats.
+    const float h0 = h[0], h1 = h[1], h2 = h[2], h3 = h[3], h4 = h[4];
+    const float* qf = reinterpret_cast<const float*>(q);
+    float* zf = reinterpret_cast<float*>(aligned);
+    const int32_t m = 2 * n;
+    for (int32_t u = 0; u < m; ++u)
+        zf[u] = h0 * qf[u + 8] + h1 * qf[u + 6] + h2 * qf[u + 4] + h3 * qf[u + 2] + h4 * qf[u];
+}
+
+}  // namespace
+
+void splitSections(SplitSection* sections, int32_t beamCount) {
+    // Borders counted from 1: 1 + i * (B - 1) / 15 rounded half away from zero,
+    // the last one B itself. A border beam belongs to two sections; the later
+    // one's result stands.
+    float edges[kSplitSections + 1];
+    const float slope = static_cast<float>(beamCount - 1) / 15.0f;
+    for (int32_t i = 0; i < kSplitSections; ++i)
+        edges[i] = roundHalfAway(1.0f + static_cast<float>(i) * slope);
+    edges[kSplitSections] = static_cast<float>(beamCount);
+    for (int32_t s = 0; s < kSplitSections; ++s) {
+        const int32_t first = static_cast<int32_t>(edges[s]);
+        const int32_t last = static_cast<int32_t>(edges[s + 1]);
+        sections[s] = SplitSection{first, last, (first + last) / 2 - 1};
+    }
+}
+
+void fractionalDelayTaps(float* taps, double d) {
+    // A delay of exactly 0 is taken as 1e-15: the filter is then the unit
+    // impulse at tap 2 within about 2e-6 (the design's residue at d = 0).
+    if (d == 0.0) d = 1e-15;
+    double acc[5];
+    for (int32_t j = 0; j < 5; ++j) acc[j] = kFractionalDelayTable[0][j];
+    for (int32_t k = 1; k <= 5; ++k) {
+        const double dk = std::pow(d, static_cast<double>(k));
+        for (int32_t j = 0; j < 5; ++j) acc[j] = acc[j] + kFractionalDelayTable[k][j] * dk;
+    }
+    double sum = 0.0;
+    for (int32_t j = 0; j < 5; ++j) sum += acc[j];
+    // Unit gain at zero frequency; the division is a multiplication by the
+    // reciprocal of the sum.
+    const double scale = 1.0 / sum;
+    for (int32_t j = 0; j < 5; ++j) taps[j] = static_cast<float>(acc[j] * scale);
+}
+
+void closeSplitCorrelation(cfloat* out, const cfloat* low, const cfloat* mid,
+                           const cfloat* high, int64_t count) {
+    // The running sum starts from a cleared buffer (0 + first product), then
+    // takes the second product; the mean of the two is half the sum. Written
+    // on the interleaved floats so that the loop vectorises.
+    float* __restrict o = reinterpret_cast<float*>(out);
+    const float* __restrict a = reinterpret_cast<const float*>(low);
+    const float* __restrict b = reinterpret_cast<const float*>(mid);
+    const float* __restrict c = reinterpret_cast<const float*>(high);
+    for (int64_t i = 0; i < count; ++i) {
+        const float ar = a[2 * i], ai = a[2 * i + 1];
+        const float br = b[2 * i], bi = b[2 * i + 1];
+        const float cr = c[2 * i], ci = c[2 * i + 1];
+        const float p1re = ar * br + ai * bi;  // low * conj(mid)
+        const float p1im = ai * br - ar * bi;
+        const float p2re = br * cr + bi * ci;  // mid * conj(high)
+        const float p2im = bi * cr - br * ci;
+        o[2 * i] = 0.5f * ((0.0f + p1re) + p2re);
+        o[2 * i + 1] = 0.5f * ((0.0f + p1im) + p2im);
+    }
+}
+
+namespace {
+
+constexpr int32_t kElements = 64;
+
+// What one call shares with the threads that work its sections.
+struct SectionPlan {
+    const cfloat* channels;
+    int32_t n;
+    const float* sinAngle;
+    const float* phaseRow;
+    const float* delayRow;
+    SplitSection sections[kSplitSections];
+    cfloat* out;
+};
+
+// Section s, start to end on one thread:
+// 1. each channel aligned for the centre beam: whole shift floor(delay +
+//    0.5), the fraction in -0.5..0.5 taken by the filter as a delay of
+//    -fraction;
+// 2. the section's steering exp(j phase), element by beam (the steering
+//    rows of its beams, transposed), weighted by the taper of each of the
+//    three sub-apertures;
+// 3. the three sub-aperture products, subBeam[b][t] = sum over the 32
+//    elements of weight[i][b] * aligned[16a + i][t]; the steering phase uses
+//    the absolute element index, so all three refer to element 0;
+// 4. the closing of the beams that no later section covers: all but the
+//    border beam, which belongs to the next section too and whose result is
+//    the next section's (the last section closes all of its beams).
+void runSection(const SectionPlan& p, int32_t s, const SplitThreadStore& store) {
+    const SplitSection& sec = p.sections[s];
+    const int32_t n = p.n;
+    int32_t beams = sec.last - sec.first + 1;
+    if (beams > kMaxSectionBeams) beams = kMaxSectionBeams;
+
+    const float centreSin = p.sinAngle[sec.centreBeam];
+    for (int32_t ch = 0; ch < kElements; ++ch) {
+        const float delay = centreSin * p.delayRow[ch];
+        const float whole = std::floor(delay + 0.5f);
+        const float fraction = delay - whole;
+        float taps[5];
+        fractionalDelayTaps(taps, -static_cast<double>(fraction));
+        alignChannel(store.aligned + static_cast<int64_t>(ch) * n,
+                     p.channels + static_cast<int64_t>(ch) * n, n, static_cast<int32_t>(whole),
+                     taps, store.scratchRow);
+    }
+
+    cfloat steering[kElements * kMaxSectionBeams];
+    for (int32_t e = 0; e < kElements; ++e)
+        for (int32_t b = 0; b < beams; ++b) {
+            const float phase = p.sinAngle[sec.first - 1 + b] * p.phaseRow[e];
+            steering[e * beams + b] = cfloat{std::cos(phase), std::sin(phase)};
+        }
+    cfloat weights[3][32 * kMaxSectionBeams];
+    for (int32_t a = 0; a < 3; ++a)
+        for (int32_t i = 0; i < 32; ++i) {
+            const float t = subApertureTaper(i);
+            const cfloat* from = steering + (16 * a + i) * beams;
+            cfloat* to = weights[a] + i * beams;
+            for (int32_t b = 0; b < beams; ++b) to[b] = cfloat{from[b].re * t, from[b].im * t};
+        }
+
+    const float one[2] = {1.0f, 0.0f};
+    const float zero[2] = {0.0f, 0.0f};
+    for (int32_t a = 0; a < 3; ++a)
+        cblas_cgemm(CblasRowMajor, CblasTrans, CblasNoTrans, beams, n, 32, one, weights[a], beams,
+                    store.aligned + static_cast<int64_t>(16 * a) * n, n, zero, store.subBeams[a],
+                    n);
+
+    const int32_t end = s == kSplitSections - 1 ? sec.last : sec.last - 1;
+    const int32_t closing = end - (sec.first - 1);
+    if (closing > 0)
+        closeSplitCorrelation(p.out + static_cast<int64_t>(sec.first - 1) * n, store.subBeams[0],
+                              store.subBeams[1], store.subBeams[2],
+                              static_cast<int64_t>(closing) * n);
+}
+
+// The per-call tables of the fan: sin(angle) per beam and the phase and
+// delay steps per element, all in single precision. phase[b][e] =
+// sin(angle_b) * e * 4712.389 / c and delay[b][e] = sin(angle_b) * e * 75 / c
+// samples (the ramp -e cancels the negative constants).
+struct FanTables {
+    float sinAngle[256];
+    float phaseRow[kElements];
+    float delayRow[kElements];
+};
+
+void prepare(SectionPlan* p, FanTables* f, const cfloat* channelBlock, int32_t n,
+             float angleOffset, float soundSpeed, const float* beamAngles, int32_t B,
+             cfloat* splitCorrelation) {
+    const float toRadians = 1.0f / kDegreesPerRadian;
+    for (int32_t b = 0; b < B; ++b)
+        f->sinAngle[b] = std::sin((beamAngles[b] + angleOffset) * toRadians);
+    const float phaseStep = kPhaseConstant / soundSpeed;
+    const float delayStep = kDelayConstant / soundSpeed;
+    for (int32_t e = 0; e < kElements; ++e) {
+        const float ramp = -static_cast<float>(e);
+        f->phaseRow[e] = ramp * phaseStep;
+        f->delayRow[e] = ramp * delayStep;
+    }
+    p->channels = channelBlock;
+    p->n = n;
+    p->sinAngle = f->sinAngle;
+    p->phaseRow = f->phaseRow;
+    p->delayRow = f->delayRow;
+    p->out = splitCorrelation;
+    splitSections(p->sections, B);
+}
+
+}  // namespace
+
+SplitThreadStore splitThreadStore(const SplitScratch* scratch, int32_t thread,
+                                  int32_t sampleCount) {
+    // Thread 0 aligns into alignedChannels; threads 1 and 2 into
+    // correlationSum, which the correlator does not otherwise need (the sum of
+    // the two products is formed per sample while closing).
+    const int64_t channelSet = static_cast<int64_t>(kElements) * 8000;
+    SplitThreadStore store;
+    store.aligned = thread == 0 ? scratch->alignedChannels
+                                : scratch->correlationSum + (thread - 1) * channelSet;
+    store.scratchRow = scratch->alignScratch + static_cast<int64_t>(thread) * kScratchRow;
+    const int64_t block = static_cast<int64_t>(thread) * kMaxSectionBeams * sampleCount;
+    store.subBeams[0] = scratch->subBeamLow + block;
+    store.subBeams[1] = scratch->subBeamMid + block;
+    store.subBeams[2] = scratch->subBeamHigh + block;
+    return store;
+}
+
+void correlateSubAperturesSectionedOnThread(const cfloat* channelBlock, int32_t sampleCount,
+                                            float angleOffset, float soundSpeed,
+                                            const float* beamAngles, int32_t beamCount,
+                                            cfloat* splitCorrelation,
+                                            const SplitThreadStore* store) {
+    if (sampleCount < 1 || beamCount < 1 || beamCount > 256 || sampleCount > 8000) return;
+    SectionPlan p{};
+    FanTables f;
+    prepare(&p, &f, channelBlock, sampleCount, angleOffset, soundSpeed, beamAngles, beamCount,
+            splitCorrelation);
+    for (int32_t s = 0; s < kSplitSections; ++s) runSection(p, s, *store);
+}
+
+void correlateSubAperturesSectioned(const cfloat* channelBlock, int32_t sampleCount,
+                                    int32_t channelCount, float angleOffset, float soundSpeed,
+                                    const float* beamAngles, int32_t beamCount,
+                                    cfloat* splitCorrelation, const SplitScratch* scratch) {
+    (void)channelCount;  // the array has 64 elements, whatever the caller says
+    const int32_t n = sampleCount;
+    if (n < 1 || beamCount < 1 || beamCount > 256 || n > 8000) return;
+    SectionPlan p{};
+    FanTables f;
+    prepare(&p, &f, channelBlock, n, angleOffset, soundSpeed, beamAngles, beamCount,
+            splitCorrelation);
+
+    // The team shares the 15 sections, each worked start to end by one thread
+    // on storage of its own, with the matrix library on one thread: one join
+    // per call, and every section's arithmetic the same whichever thread runs
+    // it. The library's setting comes back at the end.
+    const int savedThreads = matrixThreads();
+    setMatrixThreads(1);
+#pragma omp parallel num_threads(teamSize())
+    {
+        const SplitThreadStore store = splitThreadStore(scratch, omp_get_thread_num(), n);
+#pragma omp for schedule(static)
+        for (int32_t s = 0; s < kSplitSections; ++s) runSection(p, s, store);
+    }
+    setMatrixThreads(savedThreads);
+}
+
 }  // namespace kvane

@@ -28,9 +28,12 @@ int32_t pickFirstEchoRise(const float* mask, const float* trace, int32_t sampleC
 void equaliseChannelGain(cfloat* filteredChannels, float* gainProfile, int32_t* gainOnsetSample,
                          int32_t sampleCount);
 
-// Workspace storage of the split-aperture correlators; each buffer holds
-// beamCount x sampleCount (sub-beams, sum) or 64 x sampleCount (aligned)
-// complex samples; alignScratch holds kTeamCapacity rows of 8000 + 8.
+// Workspace storage of the split-aperture correlators, sized as the
+// workspace sizes it: subBeamLow, subBeamMid, subBeamHigh and correlationSum
+// 2,048,000 complex samples each (beamCount x sampleCount; the sectioned
+// correlator keeps the aligned channels of its second and third thread in
+// correlationSum), alignedChannels 64 x 8000, alignScratch kTeamCapacity rows
+// of 8000 + 8.
 struct SplitScratch {
     cfloat* subBeamLow;
     cfloat* subBeamMid;
@@ -50,11 +53,32 @@ void correlateSubAperturesNarrowBand(const cfloat* channelBlock, int32_t sampleC
                                      const SplitScratch* scratch);
 
 // The same product with per-section time alignment of the channels (15
-// sections of the fan). channelCount is forced to 64.
+// sections of the fan), the sections shared by the thread team.
+// channelCount is forced to 64.
 void correlateSubAperturesSectioned(const cfloat* channelBlock, int32_t sampleCount,
                                     int32_t channelCount, float angleOffset, float soundSpeed,
                                     const float* beamAngles, int32_t beamCount,
                                     cfloat* splitCorrelation, const SplitScratch* scratch);
+
+// One thread's storage for the sectioned correlator: aligned (64 rows of
+// sampleCount), scratchRow (sampleCount + 8), and three sub-beam blocks of
+// 24 rows of sampleCount.
+struct SplitThreadStore {
+    cfloat* aligned;
+    cfloat* scratchRow;
+    cfloat* subBeams[3];
+};
+// The store of team thread `thread` (below kTeamCapacity) for blocks of up to
+// sampleCount samples, carved out of the workspace scratch.
+SplitThreadStore splitThreadStore(const SplitScratch* scratch, int32_t thread,
+                                  int32_t sampleCount);
+// The sectioned correlator on the calling thread alone (for a team that
+// shares whole blocks of samples), with the same results.
+void correlateSubAperturesSectionedOnThread(const cfloat* channelBlock, int32_t sampleCount,
+                                            float angleOffset, float soundSpeed,
+                                            const float* beamAngles, int32_t beamCount,
+                                            cfloat* splitCorrelation,
+                                            const SplitThreadStore* store);
 
 // One section of the fan for the sectioned correlator: beams first - 1 to
 // last - 1 (borders count from 1), aligned for centreBeam (zero-based).

@@ -20,6 +20,8 @@ int teamSize() {
 
 void setMatrixThreads(int threads) { openblas_set_num_threads(threads); }
 
+int matrixThreads() { return openblas_get_num_threads(); }
+
 // Workspace buffers come straight from the system as anonymous mappings:
 // page-aligned (so 64-byte aligned), reading as zeros, and resident only where
 // a ping actually touches them. A 64-byte header in front keeps the size for

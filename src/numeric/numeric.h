@@ -26,6 +26,9 @@ int teamSize();
 // Sets the matrix library's thread count (OpenBLAS).
 void setMatrixThreads(int threads);
 
+// The matrix library's current thread count.
+int matrixThreads();
+
 // 64-byte aligned, zero-filled allocation of count elements of elemSize bytes;
 // nullptr for count < 1. Release with alignedFree.
 void* alignedAlloc(std::size_t count, std::size_t elemSize);
