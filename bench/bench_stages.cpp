@@ -215,7 +215,7 @@ void Stage_conditionBeamImage(benchmark::State& state) {
     std::vector<float> image(static_cast<size_t>(n + 6) * (B + 6));
     const float clipRatio = reference().ping->params.clipRatio;
     for (auto _ : state) {
-        conditionBeamImage(ws.beamEnvelope, ws.beamEnvelopeBySample, image.data(),
+        conditionBeamImage(ws.beamEnvelope, image.data(),
                            ws.formedBeamIq, B, n, clipRatio, smooth);
         benchmark::ClobberMemory();
     }

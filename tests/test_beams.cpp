@@ -380,7 +380,7 @@ TEST(BeamImage, MagnitudeAndHalfFanClipping) {
         }
     kvane::clipHalfFans(bySample.data(), n, B, 0.6f);
     std::vector<float> env(B * n), image(B * n);
-    kvane::conditionBeamImage(env.data(), nullptr, image.data(), formed.data(), B, n, 0.6f, false);
+    kvane::conditionBeamImage(env.data(), image.data(), formed.data(), B, n, 0.6f, false);
     for (int32_t b = 0; b < B; ++b)
         for (int32_t t = 0; t < n; ++t) ASSERT_EQ(env[b * n + t], bySample[t * B + b]) << b << " " << t;
     EXPECT_EQ(env, image);

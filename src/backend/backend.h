@@ -90,8 +90,6 @@ struct WedgeWork {
     float* regrid;       // 2,048,000
     float* angleGrid;    // 256
     int32_t* sourceBeam; // 256
-    float* pixelLevels;  // kGridCapacity
-    uint8_t* pixelBytes; // kGridCapacity
 };
 
 // Paints the 8-bit fan picture of beamImage (beam-major, row stride

@@ -83,7 +83,7 @@ void smoothBeamImage(float* beamEnvelope, float* beamImage, int32_t beamCount, i
     std::memcpy(beamImage, beamEnvelope, sizeof(float) * static_cast<std::size_t>(n) * B);
 }
 
-void conditionBeamImage(float* beamEnvelope, float* beamEnvelopeBySample, float* beamImage,
+void conditionBeamImage(float* beamEnvelope, float* beamImage,
                         const cfloat* formedBeamIq, int32_t beamCount, int32_t n,
                         float clipRatio, bool smooth) {
     // The clipping compares each sample of a beam with the maximum over the
@@ -92,7 +92,6 @@ void conditionBeamImage(float* beamEnvelope, float* beamEnvelopeBySample, float*
     // the beam-major image, a tile of samples at a time: for every sample the
     // same comparisons in the same order (beam 0 up), so the same values, in
     // one pass and without the sample-major buffer.
-    (void)beamEnvelopeBySample;
     const int32_t B = beamCount;
     if (B < 1 || B > kMaxBeams || n < 1) return;
     const float r = clampRatio(clipRatio);

@@ -8,6 +8,15 @@
 #include "driver.h"
 
 namespace kvane {
+namespace {
+// Plane Q of a raw buffer starts at exactly half of it, which need not be a
+// multiple of four bytes: samples are read bytewise so any address is valid.
+inline int32_t loadSample(const int32_t* p) {
+    int32_t v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+}  // namespace
 
 void conditionChannels(cfloat* rawChannels, cfloat* filteredChannels, float* channelI,
                        float* channelQ, const int32_t* planeI, const int32_t* planeQ, int32_t n) {
@@ -23,8 +32,8 @@ void conditionChannels(cfloat* rawChannels, cfloat* filteredChannels, float* cha
         float* ci = channelI + row;
         float* cq = channelQ + row;
         for (int32_t t = 0; t < n; ++t) {
-            ci[t] = static_cast<float>(planeI[row + t]) * kSampleScale;
-            cq[t] = static_cast<float>(planeQ[row + t]) * kSampleScale;
+            ci[t] = static_cast<float>(loadSample(planeI + row + t)) * kSampleScale;
+            cq[t] = static_cast<float>(loadSample(planeQ + row + t)) * kSampleScale;
         }
         cfloat* raw = rawChannels + row;
         cfloat* filt = filteredChannels + row;

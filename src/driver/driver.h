@@ -99,7 +99,7 @@ void interpolateRoll(float* segmentRollLocal, int32_t segmentCount, const float*
 // Amplitude image: magnitude of formedBeamIq, half-fan clipping with the
 // replacement value 1.0, the copy to beamImage, and with smooth the 7x7 mean
 // (beamImage then must hold (n + 6) * (B + 6) floats).
-void conditionBeamImage(float* beamEnvelope, float* beamEnvelopeBySample, float* beamImage,
+void conditionBeamImage(float* beamEnvelope, float* beamImage,
                         const cfloat* formedBeamIq, int32_t beamCount, int32_t n,
                         float clipRatio, bool smooth);
 

@@ -103,8 +103,9 @@ bool processPing(KVaneParams* params, KVaneInput* input, KVaneResult* result) {
                                                                         : params->depthLimitFar;
         const float hi = params->depthLimitNear < params->depthLimitFar ? params->depthLimitFar
                                                                         : params->depthLimitNear;
-        limits = DetectionLimits{0, n - 1, static_cast<int32_t>(lo), static_cast<int32_t>(hi),
-                                 params->soundSpeed, 2};
+        // Cut to whole numbers; a NaN or out-of-range end reads as INT32_MIN,
+        // as the processor's conversion gives it, instead of being undefined.
+        limits = DetectionLimits{0, n - 1, truncToInt(lo), truncToInt(hi), params->soundSpeed, 2};
         retained.trackCentre[0] = 0;
         retained.trackCentre[1] = 0;
     }
@@ -122,7 +123,7 @@ bool processPing(KVaneParams* params, KVaneInput* input, KVaneResult* result) {
     const float angleOffset = formBeams(params, result, beamAngles, beamAnglesDouble, n, &io);
 
     // 8. Amplitude image.
-    conditionBeamImage(ws.beamEnvelope, ws.beamEnvelopeBySample, result->beamImage,
+    conditionBeamImage(ws.beamEnvelope, result->beamImage,
                        ws.formedBeamIq, B, n, params->clipRatio, params->gainSwitch != 0.0f);
 
     // 9. Candidates.

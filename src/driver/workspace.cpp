@@ -60,7 +60,6 @@ void buildWorkspace() {
     ws.formedBeamIq = alloc<cfloat>(kBeamSet);
     ws.splitBeamIq = alloc<cfloat>(kBeamSet);
     ws.beamEnvelope = alloc<float>(kBeamSet);
-    ws.beamEnvelopeBySample = alloc<float>(kBeamSet);
     ws.steerMatrix = alloc<cfloat>(256 * 64);
 
     ws.split.subBeamLow = alloc<cfloat>(kBeamSet);
@@ -90,8 +89,6 @@ void buildWorkspace() {
     ws.wedge.regrid = alloc<float>(kBeamSet);
     ws.wedge.angleGrid = alloc<float>(256);
     ws.wedge.sourceBeam = alloc<int32_t>(256);
-    ws.wedge.pixelLevels = alloc<float>(kGridCapacity);
-    ws.wedge.pixelBytes = alloc<uint8_t>(kGridCapacity);
     ws.waterfall = alloc<float>(static_cast<std::size_t>(kWaterfallRows) * kWaterfallRowLength);
 
     candidateRecords = static_cast<EchoCandidate*>(std::calloc(1536, sizeof(EchoCandidate)));
@@ -104,14 +101,14 @@ void buildWorkspace() {
     void* all[] = {ws.channelI, ws.channelQ, ws.rawChannels, ws.filteredChannels,
                    ws.channelEnvelope, ws.magnitudeBySample, ws.gainReal, ws.segFilteredIq,
                    ws.segChannelIq, ws.segBeamIq, ws.segSplitIq, ws.formedBeamIq,
-                   ws.splitBeamIq, ws.beamEnvelope, ws.beamEnvelopeBySample, ws.steerMatrix,
+                   ws.splitBeamIq, ws.beamEnvelope, ws.steerMatrix,
                    ws.split.subBeamLow, ws.split.subBeamMid, ws.split.subBeamHigh,
                    ws.split.correlationSum, ws.split.alignedChannels, ws.split.alignScratch,
                    ws.detect.envelopeWork, ws.detect.iqWork, ws.detect.gateIq, ws.detect.gateI,
                    ws.detect.gateQ, ws.detect.gatePhase, ws.detect.scratchA, ws.detect.scratchB,
                    retained.grid.x, retained.grid.y, retained.grid.range, retained.grid.beam,
                    ws.wedge.sampleMajor, ws.wedge.regrid, ws.wedge.angleGrid,
-                   ws.wedge.sourceBeam, ws.wedge.pixelLevels, ws.wedge.pixelBytes,
+                   ws.wedge.sourceBeam,
                    ws.waterfall, candidateRecords};
     bool ok = true;
     for (void* p : all) ok = ok && p != nullptr;
@@ -133,7 +130,6 @@ void releaseWorkspace() {
     release(ws.formedBeamIq);
     release(ws.splitBeamIq);
     release(ws.beamEnvelope);
-    release(ws.beamEnvelopeBySample);
     release(ws.steerMatrix);
     release(ws.split.subBeamLow);
     release(ws.split.subBeamMid);
@@ -158,8 +154,6 @@ void releaseWorkspace() {
     release(ws.wedge.regrid);
     release(ws.wedge.angleGrid);
     release(ws.wedge.sourceBeam);
-    release(ws.wedge.pixelLevels);
-    release(ws.wedge.pixelBytes);
     release(ws.waterfall);
     std::free(candidateRecords);
     candidateRecords = nullptr;

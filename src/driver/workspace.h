@@ -32,10 +32,9 @@ struct KVaneWorkspace {
     cfloat* formedBeamIq;        // 2,048,000: beams, beam-major
     cfloat* splitBeamIq;         // 2,048,000: split-aperture products, beam-major
     float* beamEnvelope;         // 2,048,000: |formedBeamIq| after clipping
-    float* beamEnvelopeBySample; // 2,048,000: sample-major
     cfloat* steerMatrix;         // 16,384: B x 64 steering weights
     SplitScratch split;          // sub-beams, sum (2,048,000 each), aligned, alignScratch
-    DetectWork detect;           // per-beam and per-gate lines (8,000 each)
+    DetectWork detect;           // per-beam and per-gate lines, one set per thread of the team
     WedgeWork wedge;             // wedge picture scratch
     float* waterfall;            // 3,200,000, zeroed at allocation
 };

@@ -65,6 +65,10 @@ constexpr int32_t kScratchRow = 8000 + 8;
 // q is scratch of n + 4 samples; q[4 + i] is the filter's input sample i.
 void alignChannel(cfloat* aligned, const cfloat* x, int32_t n, int32_t shift, const float* h,
                   cfloat* q) {
+    // A shift beyond the row leaves nothing of it (and a shift from a
+    // non-finite delay arrives as the most negative integer): clamp it first.
+    if (shift > n) shift = n;
+    if (shift < -n) shift = -n;
     // Filter input i is row position 2 + i, i.e. x[i + 2 + shift].
     int32_t lo = -2 - shift;
     if (lo < 0) lo = 0;
