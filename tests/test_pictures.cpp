@@ -34,7 +34,7 @@ struct OwnWork {
     std::vector<float> sampleMajor = std::vector<float>(2048000), regrid = std::vector<float>(2048000);
     std::vector<float> angleGrid = std::vector<float>(256);
     std::vector<int32_t> sourceBeam = std::vector<int32_t>(256);
-    WedgeWork w{sampleMajor.data(), regrid.data(), angleGrid.data(), sourceBeam.data(), nullptr, nullptr};
+    WedgeWork w{sampleMajor.data(), regrid.data(), angleGrid.data(), sourceBeam.data()};
 };
 
 std::vector<float> equalAngles(int B, float P) {
