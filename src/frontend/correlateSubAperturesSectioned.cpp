@@ -189,9 +189,14 @@ void runSection(const SectionPlan& p, int32_t s, const SplitThreadStore& store) 
         const float fraction = delay - whole;
         float taps[5];
         fractionalDelayTaps(taps, -static_cast<double>(fraction));
+        // Whole shifts beyond the row are clamped to it; a non-finite delay
+        // (no usable sound speed) shifts nothing.
+        int32_t shift = 0;
+        if (whole >= static_cast<float>(n)) shift = n;
+        else if (whole <= -static_cast<float>(n)) shift = -n;
+        else if (whole == whole) shift = static_cast<int32_t>(whole);
         alignChannel(store.aligned + static_cast<int64_t>(ch) * n,
-                     p.channels + static_cast<int64_t>(ch) * n, n, static_cast<int32_t>(whole),
-                     taps, store.scratchRow);
+                     p.channels + static_cast<int64_t>(ch) * n, n, shift, taps, store.scratchRow);
     }
 
     cfloat steering[kElements * kMaxSectionBeams];
