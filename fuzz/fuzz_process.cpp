@@ -259,7 +259,8 @@ void runPing(Ping& ping) {
     const HostBuffers hostBefore = host;
 
     const bool nullParams = (ping.nullMask & 0x10) != 0;
-    const bool nullInput = (ping.nullMask & 0x20) != 0;
+    // The raw entry builds its own input block: only its buffer can be missing.
+    const bool nullInput = (ping.nullMask & 0x20) != 0 && !ping.raw7420;
     const bool nullPlanes = (ping.nullMask & 0x40) != 0;
     const bool mustSkip = !sizesValid || !imageValid || result.beamImage == nullptr ||
                           result.displayImage == nullptr || result.sideScanImage == nullptr ||
