@@ -24,8 +24,8 @@ struct Channels {
 };
 
 Channels condition(const std::vector<int32_t>& planeI, const std::vector<int32_t>& planeQ, int n) {
-    Channels c{std::vector<cfloat>(kCh * n), std::vector<cfloat>(kCh * n),
-               std::vector<float>(kCh * n), std::vector<float>(kCh * n)};
+    Channels c{std::vector<cfloat>(kCh * n), std::vector<cfloat>(kCh * n), std::vector<float>(kCh * n),
+               std::vector<float>(kCh * n)};
     kvane::conditionChannels(c.raw.data(), c.filtered.data(), c.chI.data(), c.chQ.data(),
                              planeI.data(), planeQ.data(), n);
     return c;
@@ -39,8 +39,7 @@ int32_t firstEchoOf(const std::vector<cfloat>& raw, int n) {
     return kvane::detectFirstEcho(bySample.data(), n);
 }
 
-// Deterministic uniform numbers in [0, 1).
-struct Lcg {
+struct Lcg {  // uniform in [0, 1)
     uint32_t s;
     float next() {
         s = s * 1664525u + 1013904223u;
@@ -62,9 +61,7 @@ TEST(ChannelConditioning, ScalesFullRangeAndShiftsFifteenSamples) {
         EXPECT_NEAR(ch.chQ[5 * n + 14], -10737.418f, 0.01f);
         for (int c = 0; c < kCh; ++c)
             for (int t = 0; t < n; ++t) {
-                // Sample t + 15 moves to t; the last 15 positions keep their
-                // own samples, which repeat the 15 before them. Rows of 15
-                // samples or fewer stay as they are.
+                // Sample t + 15 moves to t; the last 15 (and rows of 15 or fewer) stay.
                 const int src = n > 15 && t < n - 15 ? t + 15 : t;
                 const double want = static_cast<double>(pi[c * n + src]) * 5e-6;
                 const cfloat r = ch.raw[c * n + t];
@@ -78,39 +75,28 @@ TEST(ChannelConditioning, ScalesFullRangeAndShiftsFifteenSamples) {
 
 TEST(ChannelConditioning, FixedGainMultipliesFilteredRows) {
     const int n = 30;
-    std::vector<cfloat> rows(kCh * n), before;
+    std::vector<cfloat> rows(kCh * n);
+    std::vector<float> ramp(n);
     for (int i = 0; i < kCh * n; ++i) rows[i] = cfloat{0.5f * i, -0.25f * i};
-    before = rows;
-    std::vector<float> ones(n, 1.0f), ramp(n);
-    kvane::applyFixedGain(rows.data(), ones.data(), n);
-    for (int i = 0; i < kCh * n; ++i) {
-        ASSERT_EQ(rows[i].re, before[i].re);
-        ASSERT_EQ(rows[i].im, before[i].im);
-    }
+    const std::vector<cfloat> before = rows;
     for (int t = 0; t < n; ++t) ramp[t] = static_cast<float>(t);
     kvane::applyFixedGain(rows.data(), ramp.data(), n);
-    for (int c = 0; c < kCh; ++c)
-        for (int t = 0; t < n; ++t) {
-            ASSERT_EQ(rows[c * n + t].re, before[c * n + t].re * t);
-            ASSERT_EQ(rows[c * n + t].im, before[c * n + t].im * t);
-        }
-    // The workspace's gain starts at ones, so the switched-on fixed gain is
-    // neutral until a host writes its own.
+    for (int i = 0; i < kCh * n; ++i) {
+        ASSERT_EQ(rows[i].re, before[i].re * (i % n));
+        ASSERT_EQ(rows[i].im, before[i].im * (i % n));
+    }
+    // Neutral until a host writes its own gain.
     kVaneMalloc();
     for (int t = 0; t < 8000; ++t) ASSERT_EQ(kvane::ws.gainReal[t], 1.0f);
     kVaneFree();
 }
 
 TEST(FirstEchoHistory, OverlappingShiftAndMedian) {
-    int32_t h[7] = {};
-    EXPECT_EQ(kvane::updateFirstEchoHistory(h, 50), 50);  // median 0: the largest stands in
-    const int32_t afterFirst[7] = {50, 0, 0, 0, 0, 0, 0};
-    for (int i = 0; i < 7; ++i) EXPECT_EQ(h[i], afterFirst[i]);
-
-    int32_t g[7] = {10, 20, 30, 40, 50, 60, 70};
-    EXPECT_EQ(kvane::updateFirstEchoHistory(g, 80), 40);
-    const int32_t stored[7] = {80, 10, 20, 30, 40, 40, 60};
-    for (int i = 0; i < 7; ++i) EXPECT_EQ(g[i], stored[i]);
+    std::vector<int32_t> h(7, 0), g{10, 20, 30, 40, 50, 60, 70};
+    EXPECT_EQ(kvane::updateFirstEchoHistory(h.data(), 50), 50);  // median 0: the largest stands in
+    EXPECT_EQ(h, (std::vector<int32_t>{50, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(kvane::updateFirstEchoHistory(g.data(), 80), 40);
+    EXPECT_EQ(g, (std::vector<int32_t>{80, 10, 20, 30, 40, 40, 60}));
 }
 
 // A mask of 0/1 floats with the given runs set high.
@@ -121,21 +107,16 @@ std::vector<float> maskWithHighRuns(int n, std::initializer_list<std::pair<int, 
     return m;
 }
 
-TEST(FirstEchoRise, EdgesAndGaps) {
-    const int n = 400;
-    const std::vector<float> flat(n, 1.0f);
-    // Never rising: all low, or high from sample 19 on.
-    EXPECT_EQ(kvane::pickFirstEchoRise(maskWithHighRuns(n, {}).data(), flat.data(), n), 20);
-    EXPECT_EQ(kvane::pickFirstEchoRise(maskWithHighRuns(n, {{19, n - 1}}).data(), flat.data(), n), 20);
-    // Low at 20, one rise and no fall: the gap runs from 20 to the rise.
-    EXPECT_EQ(kvane::pickFirstEchoRise(maskWithHighRuns(n, {{101, n - 1}}).data(), flat.data(), n), 100);
-    // High at 20, falls at 60, rises at 150: the rise, not the fall.
-    EXPECT_EQ(kvane::pickFirstEchoRise(maskWithHighRuns(n, {{0, 59}, {151, n - 1}}).data(),
-                                       flat.data(), n), 150);
-}
-
-TEST(FirstEchoRise, WalkOverBursts) {
+TEST(FirstEchoRise, EdgesGapsAndWalkOverBursts) {
     const int n = 500;
+    const std::vector<float> flat(n, 1.0f);
+    auto rise = [&](std::initializer_list<std::pair<int, int>> runs) {
+        return kvane::pickFirstEchoRise(maskWithHighRuns(n, runs).data(), flat.data(), n);
+    };
+    EXPECT_EQ(rise({}), 20);  // never rising: all low, or high from sample 19 on
+    EXPECT_EQ(rise({{19, n - 1}}), 20);
+    EXPECT_EQ(rise({{101, n - 1}}), 100);               // the gap runs from 20 to the rise
+    EXPECT_EQ(rise({{0, 59}, {151, n - 1}}), 150);      // the rise, not the fall at 60
     // Gaps [20, 100] and [f, 300], the second closed by the echo.
     auto pick = [&](int nextFall, float firstLevel, float secondLevel) {
         std::vector<float> trace(n, 50.0f);
@@ -156,8 +137,8 @@ TEST(FirstEchoRise, WalkOverBursts) {
     EXPECT_EQ(pick(200, 1.0f, 1.1f), 100);
 }
 
-// Synthetic ping: 64 channels of noise of about 1.0 (after scaling) with random
-// phases, and an echo of amplitude `echo` from raw sample onset for 300 samples.
+// 64 channels of noise about 1.0 after scaling, random phases, and an echo of
+// amplitude `echo` over raw samples [onset, onset + 300).
 int32_t firstEchoOfPing(int n, int onset, float echo, uint32_t seed) {
     Lcg rng{seed};
     std::vector<int32_t> pi(kCh * n), pq(kCh * n);
@@ -172,7 +153,7 @@ int32_t firstEchoOfPing(int n, int onset, float echo, uint32_t seed) {
     return firstEchoOf(condition(pi, pq, n).raw, n);
 }
 
-TEST(FirstEcho, FallBackAndEchoOnset) {
+TEST(FirstEcho, FallBackEchoOnsetAndBurstsInTheWater) {
     // Too short, silent, or without structure: the fall-back 20.
     std::vector<float> loud(kCh * 21, 100.0f);
     for (int c = 0; c < kCh; ++c) loud[10 * kCh + c] = 0.0f;
@@ -181,17 +162,15 @@ TEST(FirstEcho, FallBackAndEchoOnset) {
     EXPECT_EQ(kvane::detectFirstEcho(silent.data(), 1000), 20);
     EXPECT_EQ(kvane::detectFirstEcho(level.data(), 1000), 20);
 
-    // The echo at raw sample s stands at s - 15 after conditioning. The
-    // smoothing sees it up to 10 samples early, and the last quiet sample is
-    // reported, so the answer lies in [s - 26, s - 16].
+    // Raw sample s stands at s - 15; the smoothing sees the echo up to 10
+    // samples early and the last quiet sample is reported: [s - 26, s - 16].
     for (int onset : {300, 1234, 2900}) {
         const int32_t first = firstEchoOfPing(4000, onset, 40.0f, 17u + onset);
         EXPECT_GE(first, onset - 26) << onset;
         EXPECT_LE(first, onset - 16) << onset;
     }
-}
 
-TEST(FirstEcho, ShortBurstInWaterColumnIsSteppedOver) {
+    // A short burst in the water column is stepped over.
     const int n = 3000;
     std::vector<float> mag(kCh * n);
     Lcg rng{99u};
@@ -207,8 +186,7 @@ TEST(FirstEcho, ShortBurstInWaterColumnIsSteppedOver) {
     EXPECT_LE(first, 1499);
 }
 
-// Gain equaliser on 64 rows of n, row c of channel 0's magnitude times (c + 1),
-// with a per-row phase.
+// 64 rows of n: row c has amplitude(t) * (c + 1) and a phase of its own.
 struct GainCase {
     std::vector<cfloat> before, after;
     std::vector<float> profile;
@@ -249,22 +227,14 @@ TEST(GainEqualiser, LoudSignalSettlesAtTargetPower) {
     EXPECT_EQ(g.onset, -5);
 }
 
-TEST(GainEqualiser, QuietSignalIsNeverAmplified) {
-    const int n = 1000;
-    const GainCase g = equalise(n, [](int) { return 10.0f; });
-    for (int i = 0; i < kCh * n; ++i) {
-        ASSERT_EQ(g.after[i].re, g.before[i].re);
-        ASSERT_EQ(g.after[i].im, g.before[i].im);
-    }
-    for (int k = 0; k < 600; ++k) ASSERT_EQ(g.profile[k], 0.0f);
-    for (int t = 600; t < n; ++t) ASSERT_EQ(g.profile[t], 1.0f);
-}
-
-TEST(GainEqualiser, ShortPingsAndTheUnprocessedLastBlock) {
-    for (int n : {1, 21, 22}) {
-        const GainCase g = equalise(n, [](int) { return 100.0f; });
+TEST(GainEqualiser, QuietSignalsShortPingsAndTheUnprocessedLastBlock) {
+    // A quiet signal is never amplified; pings of one block or less are untouched.
+    for (int n : {1000, 1, 21, 22}) {
+        const GainCase g = equalise(n, n == 1000 ? +[](int) { return 10.0f; } : +[](int) { return 100.0f; });
         for (int i = 0; i < kCh * n; ++i) ASSERT_EQ(g.after[i].re, g.before[i].re) << n;
+        for (int i = 0; i < kCh * n; ++i) ASSERT_EQ(g.after[i].im, g.before[i].im) << n;
         for (int k = 0; k < 600; ++k) ASSERT_EQ(g.profile[k], 0.0f) << n;
+        for (int t = 600; t < n; ++t) ASSERT_EQ(g.profile[t], 1.0f);
     }
     const GainCase g = equalise(44, [](int) { return 100.0f; });
     for (int t = 0; t < 22; ++t) ASSERT_LT(std::fabs(g.after[t].re), 0.99f * std::fabs(g.before[t].re));
@@ -272,9 +242,8 @@ TEST(GainEqualiser, ShortPingsAndTheUnprocessedLastBlock) {
 }
 
 TEST(GainEqualiser, RunsBackwardsInTime) {
-    // Quiet water and an echo over blocks 46 to 49 (samples 1012..1099). The
-    // gain falls at the echo's end and recovers only before its start: the
-    // block before the echo is attenuated, the block after it is not.
+    // An echo over blocks 46 to 49 (samples 1012..1099): the gain falls at its
+    // end and recovers only before its start.
     const int n = 2000;
     const GainCase g = equalise(n, [](int t) { return t >= 1012 && t < 1100 ? 100.0f : 10.0f; });
     expectRowsScaled(g, n, 1000, g.profile[1000], 0.0f);

@@ -21,12 +21,9 @@ namespace {
 struct OwnGrid {  // a sector grid with buffers of its own
     std::vector<float> x, y, range, beam;
     SectorGrid g{};
-    explicit OwnGrid(std::size_t cap = kGridCapacity) : x(cap), y(cap), range(cap), beam(cap) {
-        g = SectorGrid{0, 0, 0, 0, 0, 0, 0, x.data(), y.data(), range.data(), beam.data()};
-    }
+    explicit OwnGrid(std::size_t cap = kGridCapacity) : x(cap), y(cap), range(cap), beam(cap) { handMade(0, 0, 0, 0); }
     void handMade(int W, int rows, int cols, uint8_t fitsHeight) {
-        g = SectorGrid{1, W, rows, rows, cols, rows * cols, fitsHeight, x.data(), y.data(),
-                       range.data(), beam.data()};
+        g = SectorGrid{W > 0, W, rows, rows, cols, rows * cols, fitsHeight, x.data(), y.data(), range.data(), beam.data()};
     }
 };
 
@@ -37,17 +34,13 @@ struct OwnWork {
     WedgeWork w{sampleMajor.data(), regrid.data(), angleGrid.data(), sourceBeam.data()};
 };
 
-std::vector<float> equalAngles(int B, float P) {
-    std::vector<float> a(B);
-    for (int i = 0; i < B; ++i) a[i] = -P + static_cast<float>(i) * (2 * P) / static_cast<float>(B - 1);
-    return a;
-}
-
-std::vector<float> equalDistances(int B, float P) {  // beams striking a flat bottom evenly
+// Beams at equal angles, or striking a flat bottom at equal distances.
+std::vector<float> fanAngles(int B, float P, bool equalDistances = false) {
     const double half = std::floor(10000.0 * std::tan(P * M_PI / 180.0));
     std::vector<float> a(B);
     for (int i = 0; i < B; ++i)
-        a[i] = static_cast<float>(-std::atan((half - i * 2 * half / (B - 1)) / 10000.0) * 180.0 / M_PI);
+        a[i] = equalDistances ? static_cast<float>(-std::atan((half - i * 2 * half / (B - 1)) / 10000.0) * 180.0 / M_PI)
+                              : -P + static_cast<float>(i) * (2 * P) / static_cast<float>(B - 1);
     return a;
 }
 
@@ -94,14 +87,12 @@ TEST(SectorGrid, KeptAcrossGainChangesAndASecondMalloc) {
     static KVaneParams params{};
     params.soundSpeed = 1500.0f;
     params.sectorPort = params.sectorStarboard = 60.0f;
-    params.rollCount = 1;
+    params.rollCount = params.sideScanMode = params.beamSpacing = 1;
     params.pulseLength = 0.00005f;
-    params.beamSpacing = 1;
     params.imageWidth = 300;
     params.imageHeight = 150;
     params.imageGain = 1.0f;
     params.beamCount = 64;
-    params.sideScanMode = 1;
     std::vector<float> beamImage(n * 256), sideScan(3200000);
     std::vector<uint8_t> display(300 * 150);
     static KVaneResult result{};
@@ -145,7 +136,7 @@ TEST(Wedge, FlatSeabedIsALineAndOneBeamARay) {
     OwnWork work;
     std::vector<uint8_t> display(W * H);
     for (int spacing : {1, 2}) {
-        const auto angles = spacing == 1 ? equalAngles(B, 60) : equalDistances(B, 60);
+        const auto angles = spacing == 1 ? fanAngles(B, 60) : fanAngles(B, 60, true);
         std::vector<float> img(B * S, 0.0f);
         for (int i = 0; i < B * S; ++i)
             if (std::fabs(i % S - R0 / std::cos(angles[i / S] * M_PI / 180.0)) <= 20.0) img[i] = 200.0f;
@@ -170,7 +161,7 @@ TEST(Wedge, FlatSeabedIsALineAndOneBeamARay) {
     std::vector<float> img(B * S, 0.0f);
     std::fill(img.begin() + 60 * S, img.begin() + 61 * S, 100.0f);
     std::fill(display.begin(), display.end(), 0);
-    renderWaterColumnImage(img.data(), B, S, equalAngles(B, 60).data(), 60, 60, 1, 1.0f,
+    renderWaterColumnImage(img.data(), B, S, fanAngles(B, 60).data(), 60, 60, 1, 1.0f,
                            display.data(), W, H, &og.g, &work.w);
     int lit = 0, deepest = 0;
     for (int i = 0; i < W * H; ++i) {
@@ -188,7 +179,7 @@ TEST(Wedge, RemapWeightsBoundsGainModesAndClipping) {
     const int B = 4, S = 5, N = 7;
     std::vector<float> img(B * S);
     for (int i = 0; i < B * S; ++i) img[i] = static_cast<float>(10 * (i % S) + i / S);  // 10 s + b
-    const auto angles = equalAngles(B, 30);
+    const auto angles = fanAngles(B, 30);
     OwnWork work;
     OwnGrid og(3 * 14);
     og.handMade(N, 1, N, 0);
@@ -206,8 +197,7 @@ TEST(Wedge, RemapWeightsBoundsGainModesAndClipping) {
     // The fractions weight the lower neighbour: (1.25, 2.5) reads 26.75, where
     // ordinary bilinear interpolation gives 26.25. Beam 0, beam B-1 and sample
     // S-1 are outside; nothing is written past the raster.
-    const uint8_t expected[N + 4] = {27, 29, 0, 0, 0, 11, 33, 77, 77, 77, 77};
-    for (int p = 0; p < N + 4; ++p) EXPECT_EQ(out[p], expected[p]) << p;
+    EXPECT_EQ(out, (std::vector<uint8_t>{27, 29, 0, 0, 0, 11, 33, 77, 77, 77, 77}));
     render(1, 10.0f, N, 1);
     EXPECT_EQ(out[0], 255);
     render(1, -1.0f, N, 1);
@@ -266,10 +256,10 @@ namespace {
 struct Waterfall {
     std::vector<float> memory = std::vector<float>(kWaterfallRows * kWaterfallRowLength, 0.0f);
     std::vector<float> shown = std::vector<float>(3200000 + 64, -7.0f);
-    void ping(const float* img, int B, int S, const float* angles, const float* bottom, int mode,
-              int rows, int d) {
+    void ping(const float* img, int B, int S, const float* angles, const float* bottom, int mode, int rows, int d) {
         updateSideScanWaterfall(img, B, S, angles, bottom, shown.data(), mode, rows, d, memory.data());
     }
+    std::vector<float> head(int n) const { return {shown.begin(), shown.begin() + n}; }
 };
 const float kSixAngles[6] = {-5, -3, -1, 1, 3, 5};  // the last port beam among 2..4 is 2
 }  // namespace
@@ -303,16 +293,13 @@ TEST(Waterfall, WholeRecordMeansOddWidthAndNearRangeShift) {
     Waterfall wf;
     // Port: beams 0, 1 (150 + k), far range on the left; starboard: 2..5 (450 + k).
     wf.ping(img.data(), 6, S, kSixAngles, bottom, 2, 10, 0);
-    const float plain[] = {153, 152, 151, 150, 450, 451, 452, 453};
-    for (int i = 0; i < 8; ++i) EXPECT_EQ(wf.shown[i], plain[i]) << i;
+    EXPECT_EQ(wf.head(8), (std::vector<float>{153, 152, 151, 150, 450, 451, 452, 453}));
     // d = 2 cuts two near samples a side; the last entry comes from beyond the line.
     wf.ping(img.data(), 6, S, kSixAngles, bottom, 2, 10, 2);
-    const float shifted[] = {0, 154, 153, 152, 452, 453, 454};
-    for (int i = 0; i < 7; ++i) EXPECT_EQ(wf.shown[i], shifted[i]) << i;
+    EXPECT_EQ(wf.head(7), (std::vector<float>{0, 154, 153, 152, 452, 453, 454}));
     const float allStarboard[6] = {1, 2, 3, 4, 5, 6};  // port half empty
     wf.ping(img.data(), 6, S, allStarboard, bottom, 2, 10, 0);
-    const float starboard[] = {0, 0, 0, 0, 350, 351, 352, 353};
-    for (int i = 0; i < 8; ++i) EXPECT_FLOAT_EQ(wf.shown[i], starboard[i]) << i;
+    EXPECT_EQ(wf.head(8), (std::vector<float>{0, 0, 0, 0, 350, 351, 352, 353}));
 }
 
 TEST(Waterfall, AroundTheBottomAndInputsBeyondTheLines) {
@@ -370,7 +357,7 @@ TEST(Pictures, PngRoundTripAndThePicturesOfAPing) {
     for (std::size_t i = 0; i < display.size(); ++i) display[i] = static_cast<uint8_t>(i * 17);
     for (std::size_t i = 0; i < beams.size(); ++i) beams[i] = 1.0f + static_cast<float>(i % 13);
     for (std::size_t i = 0; i < sideScan.size(); ++i) sideScan[i] = static_cast<float>(i % 7);
-    std::fill(result.bottomSample, result.bottomSample + 16, 20.0f);
+    std::fill(result.bottomSample, result.bottomSample + 16, 20.0f);  // row 20 of the beam image
     result.displayImage = display.data();
     result.beamImage = beams.data();
     result.sideScanImage = sideScan.data();
@@ -384,6 +371,5 @@ TEST(Pictures, PngRoundTripAndThePicturesOfAPing) {
     EXPECT_EQ(w * 1000 + h, 80012);
     ASSERT_TRUE(readPng(dir + "ping-beams.png", 3, &w, &h, &back));
     EXPECT_EQ(w * 1000 + h, 16000 + n);
-    EXPECT_EQ(back[(20 * 16 + 7) * 3 + 0], 255);
-    EXPECT_EQ(back[(20 * 16 + 7) * 3 + 1], 0);
+    EXPECT_EQ(back[(20 * 16 + 7) * 3] * 1000 + back[(20 * 16 + 7) * 3 + 1], 255000);  // red
 }

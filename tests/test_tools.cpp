@@ -4,7 +4,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <cmath>
 #include <complex>
 #include <cstdio>
@@ -12,6 +11,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -45,47 +45,36 @@ double peakAngle(const kvsim::SimPing& p, int t0, int t1, double c) {
     for (double a = -80.0; a <= 80.0; a += 0.05) {
         double power = 0.0;
         for (int t = t0; t <= t1; ++t) power += beamPower(p, a, t, c);
-        if (power > best) {
-            best = power;
-            bestAngle = a;
-        }
+        if (power > best) best = power, bestAngle = a;
     }
     return bestAngle;
 }
 
 // A ping with nothing but the given point targets (no seabed, negligible noise).
-kvsim::SimConfig quietConfig(std::vector<kvsim::SimTarget> targets, int samples = 600) {
+kvsim::SimConfig quietConfig(std::vector<kvsim::SimTarget> targets) {
     kvsim::SimConfig c;
     c.seabed = false;
     c.snrDb = 300.0;
-    c.samples = samples;
+    c.samples = 600;
     c.targets = std::move(targets);
     return c;
 }
 
-// Centre of the envelope magnitude of one element over t0..t1, in samples.
 double envelopeCentre(const kvsim::SimPing& p, int element, int t0, int t1) {
     double sum = 0.0, moment = 0.0;
     for (int t = t0; t <= t1; ++t) {
-        const double m = std::abs(elementSample(p, element, t));
-        sum += m;
-        moment += m * t;
+        sum += std::abs(elementSample(p, element, t));
+        moment += std::abs(elementSample(p, element, t)) * t;
     }
     return moment / sum;
 }
 
 struct TempDir {
-    fs::path path;
-    TempDir() {
-        static int counter = 0;
-        path = fs::temp_directory_path() /
-               ("kvane-tools-" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
-        fs::create_directories(path);
-    }
-    ~TempDir() {
-        std::error_code ec;
-        fs::remove_all(path, ec);
-    }
+    fs::path path = fs::temp_directory_path() / ("kvane-tools-" + std::to_string(::getpid()) + "-" +
+                                                 std::to_string(counter()++));
+    static int& counter() { static int n = 0; return n; }
+    TempDir() { fs::create_directories(path); }
+    ~TempDir() { std::error_code ec; fs::remove_all(path, ec); }
     std::string file(const std::string& name) const { return (path / name).string(); }
 };
 
@@ -95,55 +84,42 @@ std::vector<uint8_t> readBytes(const std::string& path) {
 }
 
 void writeBytes(const std::string& path, const std::vector<uint8_t>& bytes) {
-    std::ofstream out(path, std::ios::binary);
-    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()),
+                                                static_cast<std::streamsize>(bytes.size()));
 }
 
-std::vector<std::string> readLines(const std::string& path) {
-    std::ifstream in(path);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
+std::vector<std::string> split(std::istream&& in, char sep) {
+    std::vector<std::string> parts;
+    for (std::string s; std::getline(in, s, sep);) parts.push_back(s);
+    return parts;
 }
+std::vector<std::string> readLines(const std::string& path) { return split(std::ifstream(path), '\n'); }
+std::vector<std::string> splitCsv(const std::string& line) { return split(std::stringstream(line), ','); }
 
-std::vector<std::string> splitCsv(const std::string& line) {
-    std::vector<std::string> fields;
-    std::stringstream s(line);
-    for (std::string f; std::getline(s, f, ',');) fields.push_back(f);
-    return fields;
-}
-
-kvsim::SimConfig smallSurvey() {
+kvsim::SimConfig smallSurvey(double rollAmplitude = 0.0) {
     kvsim::SimConfig c;
     c.depth = 10.0;
     c.samples = 1000;
     c.pings = 3;
     c.seed = 11;
+    c.rollAmplitude = rollAmplitude;
     return c;
 }
 
 }  // namespace
 
-// ---------------------------------------------------------------------------
-// The simulator's conventions, checked against the kernel's steering weights.
-
-TEST(SimulatorPhysics, PointTargetPeaksInTheBeamOfItsAngle) {
-    for (double angle : {23.5, -41.2, 0.0, 64.0}) {
-        const auto config = quietConfig({{angle, 15.0, 1e8}});
-        const kvsim::SimPing p = kvsim::simulatePing(config, 0);
-        // 15 m two-way at 1500 m/s is sample 400; the envelope spans a few samples.
-        EXPECT_NEAR(peakAngle(p, 396, 406, 1500.0), angle, 0.06) << "target at " << angle;
-    }
-}
-
-TEST(SimulatorPhysics, RollTurnsTheArrayAtTheEchosReturn) {
+TEST(SimulatorPhysics, PointTargetPeaksInTheBeamOfItsAngleTurnedByRoll) {
+    // 15 m two-way at 1500 m/s is sample 400; the envelope spans a few samples.
+    for (double angle : {23.5, -41.2, 0.0, 64.0})
+        EXPECT_NEAR(peakAngle(kvsim::simulatePing(quietConfig({{angle, 15.0, 1e8}}), 0), 396, 406, 1500.0),
+                    angle, 0.06) << angle;
+    // The array is turned by the roll at the echo's return.
     auto config = quietConfig({{10.0, 15.0, 1e8}});
     config.rollAmplitude = 6.0;
     config.rollPeriod = 4.0;
     config.soundSpeed = 1480.0;
-    const int index = 3;
-    const kvsim::SimPing p = kvsim::simulatePing(config, index);
-    const double delay = 2.0 * 15.0 / 1480.0;  // seconds
+    const kvsim::SimPing p = kvsim::simulatePing(config, 3);
+    const double delay = 2.0 * 15.0 / 1480.0;
     const double roll = kvsim::rollAt(config, p.pingTime / 1000.0 + delay);
     ASSERT_GT(std::fabs(roll), 1.0);
     const int t = static_cast<int>(delay * 20000.0);
@@ -151,19 +127,15 @@ TEST(SimulatorPhysics, RollTurnsTheArrayAtTheEchosReturn) {
 }
 
 TEST(SimulatorPhysics, EchoEnvelopeIsDelayedPerElementAndCentredOnTheTwoWayTime) {
-    const auto config = quietConfig({{60.0, 15.0, 1e8}});
-    const kvsim::SimPing p = kvsim::simulatePing(config, 0);
-    // Element n lags by n * 0.00375 * sin(60) / 1500 s: 2.728 samples at element 63.
-    const double lag = 63 * 0.00375 * std::sin(60.0 * kPi / 180.0) / 1500.0 * 20000.0;
+    const kvsim::SimPing p = kvsim::simulatePing(quietConfig({{60.0, 15.0, 1e8}}), 0);
+    const double step = 0.00375 * std::sin(60.0 * kPi / 180.0) / 1500.0;  // seconds between elements
     EXPECT_NEAR(envelopeCentre(p, 0, 392, 410), 400.0, 0.05);
-    EXPECT_NEAR(envelopeCentre(p, 63, 392, 412), 400.0 + lag, 0.05);
-    // The carrier phase between neighbours is -2 pi 200e3 * 0.00375 sin(60) / c.
+    EXPECT_NEAR(envelopeCentre(p, 63, 392, 412), 400.0 + 63 * step * 20000.0, 0.05);
     const cd ratio = elementSample(p, 1, 400) / elementSample(p, 0, 400);
-    const double expected = -2.0 * kPi * 200e3 * 0.00375 * std::sin(60.0 * kPi / 180.0) / 1500.0;
-    EXPECT_NEAR(std::remainder(std::arg(ratio) - expected, 2.0 * kPi), 0.0, 0.02);
+    EXPECT_NEAR(std::remainder(std::arg(ratio) + 2.0 * kPi * 200e3 * step, 2.0 * kPi), 0.0, 0.02);
 }
 
-TEST(SimulatorPhysics, TruthFollowsTheSeabedGeometry) {
+TEST(SimulatorPhysics, SeabedTruthAndEchoesFollowTheGeometry) {
     kvsim::SimConfig c;
     c.depth = 20.0;
     EXPECT_NEAR(kvsim::seabedSample(c, 0.0), 2 * 20.0 / 1500.0 * 20000.0, 1e-9);
@@ -172,31 +144,25 @@ TEST(SimulatorPhysics, TruthFollowsTheSeabedGeometry) {
     // The ray at -10 degrees meets a 10 degree slope square on, at D cos(10).
     EXPECT_NEAR(kvsim::seabedSample(c, -10.0), 2 * 20.0 * std::cos(10.0 * kPi / 180.0) / 1500.0 * 20000.0, 1e-9);
     EXPECT_GT(kvsim::seabedSample(c, 30.0), kvsim::seabedSample(c, -30.0));  // deeper to starboard
-    EXPECT_TRUE(std::isnan(kvsim::seabedSample(c, 85.0)));                   // runs parallel, never meets it
+    EXPECT_TRUE(std::isnan(kvsim::seabedSample(c, 85.0)));                   // parallel to the slope
     const std::vector<float> fan = kvsim::truthFanAngles();
     ASSERT_EQ(fan.size(), 256u);
     EXPECT_EQ(fan.front(), -70.0f);
     EXPECT_NEAR(fan.back(), 70.0f, 1e-4f);
-}
 
-TEST(SimulatorPhysics, SeabedEchoInABeamArrivesAtTheTruth) {
-    // Beam power, summed over pings to tame the speckle, has its centre of
-    // mass on the truth of the beam's angle.
+    // Beam power summed over pings (to tame the speckle) centres on the truth.
+    c.depth = 10.0;
+    c.samples = 900;
     for (double slope : {0.0, 12.0}) {
-        kvsim::SimConfig c;
-        c.depth = 10.0;
         c.slopeDeg = slope;
-        c.samples = 900;
         for (double angle : {-45.0, 0.0, 30.0}) {
             const double truth = kvsim::seabedSample(c, angle);
-            const int t0 = static_cast<int>(truth) - 30, t1 = static_cast<int>(truth) + 30;
             double sum = 0.0, moment = 0.0;
             for (int k = 0; k < 4; ++k) {
                 const kvsim::SimPing p = kvsim::simulatePing(c, k);
-                for (int t = t0; t <= t1; ++t) {
-                    const double w = beamPower(p, angle, t, 1500.0);
-                    sum += w;
-                    moment += w * t;
+                for (int t = static_cast<int>(truth) - 30; t <= static_cast<int>(truth) + 30; ++t) {
+                    sum += beamPower(p, angle, t, 1500.0);
+                    moment += beamPower(p, angle, t, 1500.0) * t;
                 }
             }
             EXPECT_NEAR(moment / sum, truth, 3.0) << "slope " << slope << " angle " << angle;
@@ -206,8 +172,7 @@ TEST(SimulatorPhysics, SeabedEchoInABeamArrivesAtTheTruth) {
 
 TEST(SimulatorPhysics, LevelsFollowEchoLevelAndSnr) {
     // echoLevel is the RMS of the strongest seabed sample at an element; the
-    // noise lies snrDb under the mean seabed echo power from the first echo to
-    // the end of the ping.
+    // noise lies snrDb under the mean seabed echo power after the first echo.
     kvsim::SimConfig c;
     c.depth = 8.0;  // first echo at sample 213
     c.samples = 400;
@@ -228,18 +193,14 @@ TEST(SimulatorPhysics, LevelsFollowEchoLevelAndSnr) {
     noise /= 200.0 * 64 * pings;
     echo = echo / (186.0 * 64 * pings) - noise;
     EXPECT_NEAR(10.0 * std::log10(echo / noise), 30.0, 1.0);
-    // The strongest sample of a speckled echo lies above its expected level by
-    // a few dB; it stays well within a factor of 3 in amplitude.
+    // A speckled echo's strongest sample lies a few dB above its level.
     const double strongestRms = std::sqrt(strongest / (64.0 * pings));
     EXPECT_GT(strongestRms, 0.7e8);
     EXPECT_LT(strongestRms, 3e8);
 
-    // The noise scales with the SNR and nothing else changes: against a
-    // noise-free ping, 10 dB more noise is sqrt(10) times the difference.
-    auto withSnr = [&](double snr) {
-        c.snrDb = snr;
-        return kvsim::simulatePing(c, 0);
-    };
+    // Only the noise follows the SNR: 10 dB more is sqrt(10) times the
+    // difference from a noise-free ping.
+    auto withSnr = [&](double snr) { c.snrDb = snr; return kvsim::simulatePing(c, 0); };
     const kvsim::SimPing clean = withSnr(300.0), quiet = withSnr(40.0), loud = withSnr(30.0);
     for (int t = 0; t < 400; t += 7) {
         const cd dq = elementSample(quiet, 5, t) - elementSample(clean, 5, t);
@@ -248,24 +209,18 @@ TEST(SimulatorPhysics, LevelsFollowEchoLevelAndSnr) {
     }
 }
 
-TEST(Simulator, IsDeterministicForASeedAndVariesWithSeedAndPing) {
-    kvsim::SimConfig c = smallSurvey();
+TEST(Simulator, DeterministicPerSeedAndRollTableEvery10Ms) {
+    kvsim::SimConfig c = smallSurvey(3.0);
     c.waterTargets = 3;
-    c.rollAmplitude = 3.0;
-    const kvsim::SimPing a = kvsim::simulatePing(c, 2);
-    const kvsim::SimPing b = kvsim::simulatePing(c, 2);
+    const kvsim::SimPing a = kvsim::simulatePing(c, 2), b = kvsim::simulatePing(c, 2);
     EXPECT_EQ(a.planeI, b.planeI);
     EXPECT_EQ(a.planeQ, b.planeQ);
     EXPECT_EQ(a.rollAngle, b.rollAngle);
     EXPECT_NE(a.planeI, kvsim::simulatePing(c, 1).planeI);
     c.seed = 12;
     EXPECT_NE(a.planeI, kvsim::simulatePing(c, 2).planeI);
-}
 
-TEST(Simulator, RollTableSpansThePingEvery10Ms) {
-    kvsim::SimConfig c = smallSurvey();
     c.samples = 8000;
-    c.rollAmplitude = 4.0;
     for (int index : {0, 7}) {
         const kvsim::SimPing p = kvsim::simulatePing(c, index);
         EXPECT_EQ(p.pingTime, kvsim::pingTimeMs(c, index));
@@ -274,25 +229,18 @@ TEST(Simulator, RollTableSpansThePingEvery10Ms) {
         EXPECT_LE(p.rollTime.front(), p.pingTime - 50);
         EXPECT_GE(p.rollTime.back(), p.pingTime + 400 + 50);
         for (size_t i = 0; i < p.rollTime.size(); ++i) {
-            if (i > 0) {
-                EXPECT_EQ(p.rollTime[i] - p.rollTime[i - 1], 10);
-            }
+            EXPECT_EQ(i > 0 ? p.rollTime[i] - p.rollTime[i - 1] : 10, 10);
             EXPECT_NEAR(p.rollAngle[i], kvsim::rollAt(c, p.rollTime[i] / 1000.0), 1e-5);
         }
     }
 }
 
-// ---------------------------------------------------------------------------
-// The recording format.
-
 TEST(Recording, RoundTripsRecordByRecord) {
     TempDir dir;
-    kvsim::SimConfig c = smallSurvey();
-    c.rollAmplitude = 2.0;
+    const kvsim::SimConfig c = smallSurvey(2.0);
     const std::string path = dir.file("survey.kvr");
     ASSERT_EQ(kvsim::writeRecording(path, c), "");
     EXPECT_EQ(fs::file_size(path), 3u * (52 + 1000 * 512 + 12 + 8 * kvsim::simulatePing(c, 0).rollTime.size()));
-
     std::FILE* f = std::fopen(path.c_str(), "rb");
     ASSERT_NE(f, nullptr);
     kvreplay::PingRecord rec;
@@ -313,23 +261,31 @@ TEST(Recording, RoundTripsRecordByRecord) {
     }
     EXPECT_EQ(kvreplay::readRecord(f, 4, &rec, &message), kvreplay::ReadStatus::end);
     std::fclose(f);
-}
 
-TEST(Recording, OddSampleBlockKeepsPlaneQAtHalfTheBlock) {
-    // 1028 bytes: 2 samples per channel, plane Q from byte 514, not 512.
+    // An odd block of 1028 bytes: 2 samples per channel, plane Q from byte 514.
     std::vector<uint8_t> block(1028, 0);
     for (int32_t i = 0; i < 128; ++i) {
         const int32_t vi = 1000 + i, vq = -2000 - i;
         std::memcpy(block.data() + 4 * i, &vi, 4);
         std::memcpy(block.data() + 514 + 4 * i, &vq, 4);
     }
-    std::vector<int32_t> planeI, planeQ;
     kvreplay::splitSampleBlock(block, &planeI, &planeQ);
-    ASSERT_EQ(planeI.size(), 128u);
-    ASSERT_EQ(planeQ.size(), 128u);
+    ASSERT_EQ(planeI.size() * 1000 + planeQ.size(), 128128u);
     EXPECT_EQ(planeI[127], 1127);
     EXPECT_EQ(planeQ[0], -2000);
     EXPECT_EQ(planeQ[127], -2127);
+
+    // Roll tables: foreign blocks and a count that no longer fits are refused.
+    kvreplay::RollTable t, two;
+    EXPECT_FALSE(kvreplay::decodeRollAux({1, 2, 3}, &t, &message));
+    two.pingTime = -5;
+    two.time = {1, 2};
+    two.angle = {0.5f, -0.25f};
+    std::vector<uint8_t> aux = kvreplay::encodeRollAux(two);
+    ASSERT_TRUE(kvreplay::decodeRollAux(aux, &t, &message));
+    EXPECT_EQ(t.angle, two.angle);
+    aux.pop_back();
+    EXPECT_FALSE(kvreplay::decodeRollAux(aux, &t, &message));
 }
 
 TEST(Recording, ReaderNamesTheRecordAndTheProblem) {
@@ -341,63 +297,34 @@ TEST(Recording, ReaderNamesTheRecordAndTheProblem) {
         std::memcpy(r.data() + offset, &v, 4);
         return r;
     };
-    struct Case {
-        const char* what;
-        std::vector<uint8_t> second;  // the second record of the file
-        std::string message;
-    };
-    const Case cases[] = {
-        {"cut in the sample block", {one.begin(), one.begin() + 1042},
-         "record 2: truncated sample block (got 1000 of 2048 bytes)"},
-        {"cut in the head", {one.begin(), one.begin() + 10}, "record 2: truncated record head (got 10 of 42 bytes)"},
-        {"cut in the tail", {one.begin(), one.end() - 1}, "record 2: truncated record tail (got 5 of 6 bytes)"},
-        {"negative sample length", withInt(38, -2048),
-         "record 2: sample block length -2048 out of range (512 to 4096000 bytes)"},
-        {"sample block too long", withInt(38, 4096001),
-         "record 2: sample block length 4096001 out of range (512 to 4096000 bytes)"},
-        {"sample block too short", withInt(38, 511),
-         "record 2: sample block length 511 out of range (512 to 4096000 bytes)"},
-        {"negative aux length", withInt(42 + 2048, -1),
-         "record 2: auxiliary block length -1 out of range (0 to 1048576 bytes)"},
-        {"aux over 1 MiB", withInt(42 + 2048, (1 << 20) + 1),
-         "record 2: auxiliary block length 1048577 out of range (0 to 1048576 bytes)"},
+    const std::string sampleRange = " out of range (512 to 4096000 bytes)", auxRange = " out of range (0 to 1048576 bytes)";
+    const std::pair<std::vector<uint8_t>, std::string> cases[] = {  // the second record and its message
+        {{one.begin(), one.begin() + 1042}, "truncated sample block (got 1000 of 2048 bytes)"},
+        {{one.begin(), one.begin() + 10}, "truncated record head (got 10 of 42 bytes)"},
+        {{one.begin(), one.end() - 1}, "truncated record tail (got 5 of 6 bytes)"},
+        {withInt(38, -2048), "sample block length -2048" + sampleRange},
+        {withInt(38, 4096001), "sample block length 4096001" + sampleRange},
+        {withInt(38, 511), "sample block length 511" + sampleRange},
+        {withInt(42 + 2048, -1), "auxiliary block length -1" + auxRange},
+        {withInt(42 + 2048, (1 << 20) + 1), "auxiliary block length 1048577" + auxRange},
     };
     TempDir dir;
-    for (const Case& k : cases) {
+    for (const auto& [second, want] : cases) {
         std::vector<uint8_t> bytes = one;
-        bytes.insert(bytes.end(), k.second.begin(), k.second.end());
-        const std::string path = dir.file("bad.kvr");
-        writeBytes(path, bytes);
-        std::FILE* f = std::fopen(path.c_str(), "rb");
+        bytes.insert(bytes.end(), second.begin(), second.end());
+        writeBytes(dir.file("bad.kvr"), bytes);
+        std::FILE* f = std::fopen(dir.file("bad.kvr").c_str(), "rb");
         ASSERT_NE(f, nullptr);
         kvreplay::PingRecord rec;
         std::string message;
-        EXPECT_EQ(kvreplay::readRecord(f, 1, &rec, &message), kvreplay::ReadStatus::ok) << k.what;
+        EXPECT_EQ(kvreplay::readRecord(f, 1, &rec, &message), kvreplay::ReadStatus::ok) << want;
         EXPECT_EQ(rec.lc, 5);
         EXPECT_EQ(rec.aux, (std::vector<uint8_t>{1, 2, 3}));
-        EXPECT_EQ(kvreplay::readRecord(f, 2, &rec, &message), kvreplay::ReadStatus::error) << k.what;
-        EXPECT_EQ(message, k.message) << k.what;
+        EXPECT_EQ(kvreplay::readRecord(f, 2, &rec, &message), kvreplay::ReadStatus::error) << want;
+        EXPECT_EQ(message, "record 2: " + want);
         std::fclose(f);
     }
 }
-
-TEST(Recording, RollTableRejectsForeignAuxBlocks) {
-    std::string why;
-    kvreplay::RollTable t;
-    EXPECT_FALSE(kvreplay::decodeRollAux({1, 2, 3}, &t, &why));
-    kvreplay::RollTable two;
-    two.pingTime = -5;
-    two.time = {1, 2};
-    two.angle = {0.5f, -0.25f};
-    std::vector<uint8_t> aux = kvreplay::encodeRollAux(two);
-    ASSERT_TRUE(kvreplay::decodeRollAux(aux, &t, &why));
-    EXPECT_EQ(t.angle, two.angle);
-    aux.pop_back();  // count 2 no longer fits
-    EXPECT_FALSE(kvreplay::decodeRollAux(aux, &t, &why));
-}
-
-// ---------------------------------------------------------------------------
-// The programs, run as a user runs them.
 
 namespace {
 
@@ -411,108 +338,50 @@ std::string toolPath(const char* name) {
     return dir ? std::string(dir) + "/tools/" + name : std::string();
 }
 
-// Runs a tool with the given arguments (each passed as one word), capturing
-// its two output streams line by line.
+// Runs a tool with each argument as one word, capturing both streams by line.
+// The kernel's thread team spins while it waits; on a busy test machine a
+// passive wait keeps these runs short. Results do not depend on it.
 ToolRun runTool(const TempDir& dir, const char* tool, const std::vector<std::string>& args) {
-    auto quoted = [](const std::string& word) {
-        std::string q(1, '\'');
-        q += word;
-        q += '\'';
-        return q;
-    };
+    auto quoted = [](const std::string& word) { return std::string(1, '\'').append(word).append(1, '\''); };
     const std::string out = dir.file("stdout.txt"), err = dir.file("stderr.txt");
-    // The kernel's thread team spins while it waits; on a shared, busy test
-    // machine a passive wait keeps these runs short. Results do not depend on it.
     std::string command = "OMP_WAIT_POLICY=${OMP_WAIT_POLICY:-passive} ";
     command += quoted(toolPath(tool));
-    for (const std::string& a : args) {
-        command += ' ';
-        command += quoted(a);
-    }
-    command += " >";
-    command += quoted(out);
-    command += " 2>";
-    command += quoted(err);
-    ToolRun r;
+    for (const std::string& a : args) command.append(" ").append(quoted(a));
+    command.append(" >").append(quoted(out)).append(" 2>").append(quoted(err));
     const int raw = std::system(command.c_str());
-    r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    r.out = readLines(out);
-    r.err = readLines(err);
-    return r;
+    return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, readLines(out), readLines(err)};
 }
 
-#define REQUIRE_TOOLS()                                                        \
+#define REQUIRE_TOOLS() \
     if (toolPath("kvane-replay").empty()) GTEST_SKIP() << "KVANE_BINARY_DIR is not set"
 
-// A reader of the harness's lines, exact to the character.
-struct LineReader {
-    const char* p;
-    bool literal(const char* text) {
-        const size_t n = std::strlen(text);
-        if (std::strncmp(p, text, n) != 0) return false;
-        p += n;
-        return true;
-    }
-    bool integer(long* v) {
-        char* end = nullptr;
-        *v = std::strtol(p, &end, 10);
-        if (end == p) return false;
-        p = end;
-        return true;
-    }
-    // %f: digits, a point and exactly six digits.
-    bool fixed6(double* v) {
-        const char* start = p;
-        while (std::isdigit(static_cast<unsigned char>(*p))) ++p;
-        if (p == start || *p != '.') return false;
-        for (int i = 1; i <= 6; ++i)
-            if (!std::isdigit(static_cast<unsigned char>(p[i]))) return false;
-        p += 7;
-        *v = std::strtod(start, nullptr);
-        return !std::isdigit(static_cast<unsigned char>(*p));
-    }
-    bool word() {
-        const char* start = p;
-        while (*p != '\0' && *p != ' ') ++p;
-        return p != start;
-    }
-    bool end() const { return *p == '\0'; }
-};
-
-// Checks the harness's lines: one "Total:" per ping, numbered from 1, then the
-// summary with the average over one more than the pings run.
+// The harness's lines, exact to the character: one "Total:" per ping numbered
+// from 1, then the summary averaging over one more than the pings run.
 void expectHarnessOutput(const std::vector<std::string>& out, int pings, int lc) {
     ASSERT_EQ(out.size(), static_cast<size_t>(pings + 1));
+    const std::regex total(R"(Total:(\d+\.\d{6}) s,(\d+) ping)");
+    const std::regex summary(R"(LC:(-?\d+) m, Tol_aver:(\d+\.\d{6}) s, \S+ ping)");
+    std::smatch m;
     double sum = 0.0;
     for (int k = 0; k < pings; ++k) {
-        LineReader r{out[k].c_str()};
-        double seconds = 0.0;
-        long number = 0;
-        ASSERT_TRUE(r.literal("Total:") && r.fixed6(&seconds) && r.literal(" s,") && r.integer(&number) &&
-                    r.literal(" ping") && r.end())
-            << out[k];
-        EXPECT_EQ(number, k + 1);
-        sum += seconds;
+        ASSERT_TRUE(std::regex_match(out[k], m, total)) << out[k];
+        EXPECT_EQ(std::stoi(m[2]), k + 1);
+        sum += std::stod(m[1]);
     }
-    LineReader r{out[pings].c_str()};
-    long range = 0;
-    double average = 0.0;
-    ASSERT_TRUE(r.literal("LC:") && r.integer(&range) && r.literal(" m, Tol_aver:") && r.fixed6(&average) &&
-                r.literal(" s, ") && r.word() && r.literal(" ping") && r.end())
-        << out[pings];
-    EXPECT_EQ(range, lc);
-    EXPECT_NEAR(average, sum / (pings + 1), 5e-6 * (pings + 1));
+    ASSERT_TRUE(std::regex_match(out[pings], m, summary)) << out[pings];
+    EXPECT_EQ(std::stoi(m[1]), lc);
+    EXPECT_NEAR(std::stod(m[2]), sum / (pings + 1), 5e-6 * (pings + 1));
 }
 
 }  // namespace
 
-TEST(ReplayTool, ReplaysASimulatedRecording) {
+TEST(ReplayTool, ReplaysWithSettingsDitherAndRollTables) {
     REQUIRE_TOOLS();
     TempDir dir;
     const std::string rec = dir.file("s.kvr");
-    ASSERT_EQ(kvsim::writeRecording(rec, smallSurvey()), "");
-    const ToolRun r = runTool(dir, "kvane-replay",
-                              {rec, "--no-dither", "--bottom-csv", dir.file("b.csv"), "--flags-csv", dir.file("f.csv")});
+    ASSERT_EQ(kvsim::writeRecording(rec, smallSurvey(3.0)), "");
+    ToolRun r = runTool(dir, "kvane-replay",
+                        {rec, "--no-dither", "--bottom-csv", dir.file("b.csv"), "--flags-csv", dir.file("f.csv")});
     EXPECT_EQ(r.status, 0);
     EXPECT_TRUE(r.err.empty());
     expectHarnessOutput(r.out, 3, 38);
@@ -520,13 +389,12 @@ TEST(ReplayTool, ReplaysASimulatedRecording) {
         const std::vector<std::string> lines = readLines(dir.file(csv));
         ASSERT_EQ(lines.size(), 3u) << csv;
         for (int k = 0; k < 3; ++k) {
-            const std::vector<std::string> fields = splitCsv(lines[k]);
-            ASSERT_EQ(fields.size(), 257u) << csv;
-            EXPECT_EQ(fields[0], std::to_string(k + 1));
+            ASSERT_EQ(splitCsv(lines[k]).size(), 257u) << csv;
+            EXPECT_EQ(splitCsv(lines[k])[0], std::to_string(k + 1));
         }
     }
 
-    // The same pings dithered: every entry moves by at most half a sample, and some move.
+    // Dithered: every entry moves by at most half a sample, and some move.
     ASSERT_EQ(runTool(dir, "kvane-replay", {rec, "--bottom-csv", dir.file("dith.csv")}).status, 0);
     const std::vector<std::string> plain = readLines(dir.file("b.csv")), dith = readLines(dir.file("dith.csv"));
     ASSERT_EQ(plain.size(), dith.size());
@@ -541,18 +409,10 @@ TEST(ReplayTool, ReplaysASimulatedRecording) {
         }
     }
     EXPECT_GT(moved, 0);
-}
 
-TEST(ReplayTool, SettingsAndRollTables) {
-    REQUIRE_TOOLS();
-    TempDir dir;
-    kvsim::SimConfig c = smallSurvey();
-    c.rollAmplitude = 3.0;
-    const std::string rec = dir.file("s.kvr");
-    ASSERT_EQ(kvsim::writeRecording(rec, c), "");
-    const ToolRun r = runTool(dir, "kvane-replay",
-                              {rec, "--set", "beamCount=128", "--set", "gainSwitch=1", "--set", "rollAngle[0]=0.5",
-                               "--roll-from-aux", "--max-pings", "2", "--bottom-csv", dir.file("b.csv")});
+    r = runTool(dir, "kvane-replay",
+                {rec, "--set", "beamCount=128", "--set", "gainSwitch=1", "--set", "rollAngle[0]=0.5",
+                 "--roll-from-aux", "--max-pings", "2", "--bottom-csv", dir.file("b.csv")});
     EXPECT_EQ(r.status, 0) << (r.err.empty() ? "" : r.err[0]);
     expectHarnessOutput(r.out, 2, 38);
     const std::vector<std::string> lines = readLines(dir.file("b.csv"));
@@ -560,38 +420,33 @@ TEST(ReplayTool, SettingsAndRollTables) {
     EXPECT_EQ(splitCsv(lines[0]).size(), 129u);
 }
 
-TEST(ReplayTool, TruncatedRecordingReportsTheCompletePingsThenFails) {
-    REQUIRE_TOOLS();
-    TempDir dir;
-    ASSERT_EQ(kvsim::writeRecording(dir.file("s.kvr"), smallSurvey()), "");
-    std::vector<uint8_t> bytes = readBytes(dir.file("s.kvr"));
-    bytes.resize(bytes.size() * 2 / 3 + 1000);  // two records and the start of the third
-    writeBytes(dir.file("cut.kvr"), bytes);
-    const ToolRun r = runTool(dir, "kvane-replay", {dir.file("cut.kvr")});
-    EXPECT_NE(r.status, 0);
-    expectHarnessOutput(r.out, 2, 38);
-    ASSERT_EQ(r.err.size(), 1u);
-    EXPECT_NE(r.err[0].find(dir.file("cut.kvr") + ": record 3: truncated sample block"), std::string::npos)
-        << r.err[0];
-
-    const ToolRun missing = runTool(dir, "kvane-replay", {dir.file("none.kvr")});
-    EXPECT_EQ(missing.status, 1);
-    EXPECT_TRUE(missing.out.empty());
-    ASSERT_EQ(missing.err.size(), 1u);
-    EXPECT_NE(missing.err[0].find(dir.file("none.kvr")), std::string::npos);
-}
-
-TEST(ReplayTool, BadArgumentsExitWithTwoAndOneLine) {
+TEST(ReplayTool, FailuresAndBadArguments) {
     REQUIRE_TOOLS();
     TempDir dir;
     const std::string rec = dir.file("s.kvr");
     ASSERT_EQ(kvsim::writeRecording(rec, smallSurvey()), "");
+    // Two records and the start of the third: the complete pings, then the failure.
+    std::vector<uint8_t> bytes = readBytes(rec);
+    bytes.resize(bytes.size() * 2 / 3 + 1000);
+    writeBytes(dir.file("cut.kvr"), bytes);
+    ToolRun r = runTool(dir, "kvane-replay", {dir.file("cut.kvr")});
+    EXPECT_NE(r.status, 0);
+    expectHarnessOutput(r.out, 2, 38);
+    ASSERT_EQ(r.err.size(), 1u);
+    EXPECT_NE(r.err[0].find(dir.file("cut.kvr") + ": record 3: truncated sample block"), std::string::npos) << r.err[0];
+
+    r = runTool(dir, "kvane-replay", {dir.file("none.kvr")});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_TRUE(r.out.empty());
+    ASSERT_EQ(r.err.size(), 1u);
+    EXPECT_NE(r.err[0].find(dir.file("none.kvr")), std::string::npos);
+
     const std::vector<std::vector<std::string>> cases = {
         {rec, "--set", "noSuchField=1"}, {rec, "--set", "beamCount=12x"}, {rec, "--set", "rollAngle=1"},
         {rec, "--set", "limitMode=200"}, {rec, "--max-pings", "0"},      {rec, "--picture-every", "2"},
         {"--no-dither"}};
     for (const auto& args : cases) {
-        const ToolRun r = runTool(dir, "kvane-replay", args);
+        r = runTool(dir, "kvane-replay", args);
         EXPECT_EQ(r.status, 2) << args.back();
         EXPECT_EQ(r.err.size(), 1u) << args.back();
         EXPECT_TRUE(r.out.empty()) << args.back();
@@ -618,9 +473,8 @@ TEST(SimulateTool, WritesTheRecordingAndItsTruth) {
     const auto first = splitCsv(truth[1]);
     EXPECT_NEAR(std::stod(first[1]), kvsim::seabedSample(c, std::stod(first[0])), 1e-5);
 
-    const std::vector<std::vector<std::string>> bad = {
-        {"--depth", "abc", "x.kvr"}, {"--samples", "9000", "x.kvr"}, {"--depth", "0", "x.kvr"}, {"--pings", "3"}};
-    for (const auto& args : bad) {
+    for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+             {"--depth", "abc", "x.kvr"}, {"--samples", "9000", "x.kvr"}, {"--depth", "0", "x.kvr"}, {"--pings", "3"}}) {
         r = runTool(dir, "kvane-simulate", args);
         EXPECT_EQ(r.status, 2) << args[0];
         EXPECT_EQ(r.err.size(), 1u) << args[0];
