@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "kVane.h"
+#include "harness.h"
 #include "simulate.h"
 
 namespace kvbench {
@@ -58,31 +59,8 @@ inline const kvsim::SimPing& simulatedPing(int samples) {
 // The replay tool's parameter block: the harness's values on every ping, a
 // fan of 70 degrees to each side, clipping at 0.01, quality threshold 0.
 inline KVaneParams replayParams(int beams, bool gainSwitch) {
-    KVaneParams p{};
-    p.reserved0[0] = 0.4f;
-    p.reserved0[1] = 15.0f;
-    p.reserved0[2] = 70.0f;
-    p.depthLimitNear = 15.0f;
-    p.depthLimitFar = 30.0f;
-    p.soundSpeed = 1500.0f;
+    KVaneParams p = kvreplay::harnessParams(beams);
     p.gainSwitch = gainSwitch ? 1.0f : 0.0f;
-    p.pulseLength = 0.00005f;
-    p.limitMode = 1;
-    p.beamSpacing = 1;
-    p.imageWidth = 824;
-    p.imageHeight = 329;
-    p.imageGain = 1.0f;
-    p.beamCount = beams;
-    p.fixedGainEnable = 1;
-    p.reserved6 = 3;
-    p.trackEnable = 1;
-    p.sideScanMode = 1;
-    p.sideScanRows = 100;
-    p.sectorPort = 70.0f;
-    p.sectorStarboard = 70.0f;
-    p.rollCount = 1;
-    p.clipRatio = 0.01f;
-    p.qualityThreshold = 0.0f;
     return p;
 }
 

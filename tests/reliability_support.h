@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "kVane.h"
+#include "harness.h"
 #include "simulate.h"
 
 namespace kvrel {
@@ -19,30 +20,11 @@ namespace kvrel {
 // The replay tool's values, with a working fan of 70 degrees a side and the
 // one-shot beamforming path.
 inline KVaneParams typicalParams(int32_t beamCount) {
-    KVaneParams p{};
-    p.reserved0[0] = 0.4f;
-    p.reserved0[1] = 15.0f;
-    p.reserved0[2] = 70.0f;
-    p.depthLimitNear = 15.0f;
-    p.depthLimitFar = 30.0f;
-    p.soundSpeed = 1500.0f;
-    p.sectorPort = 70.0f;
-    p.sectorStarboard = 70.0f;
-    p.pulseLength = 0.00005f;
-    p.limitMode = 1;
-    p.beamSpacing = 1;
-    p.imageWidth = 824;
-    p.imageHeight = 329;
-    p.imageGain = 1.0f;
-    p.beamCount = beamCount;
-    p.fixedGainEnable = 1;
-    p.reserved6 = 3;
-    p.trackEnable = 1;
+    KVaneParams p = kvreplay::harnessParams(beamCount);
+    // A higher clipping level and quality threshold than the replay's, so that
+    // the second tracker pass and the clipping's replacement value run too.
     p.clipRatio = 0.5f;
-    p.sideScanMode = 1;
-    p.sideScanRows = 100;
     p.qualityThreshold = 0.5f;
-    p.rollCount = 1;
     return p;
 }
 

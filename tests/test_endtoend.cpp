@@ -8,6 +8,7 @@
 #include <cstring>
 #include <vector>
 
+#include "harness.h"
 #include "kVane.h"
 #include "simulate.h"
 
@@ -20,33 +21,6 @@ struct Survey {
     int32_t sampleCount = 0;
 };
 
-// The replay tool's parameter values, with a working fan of 70 degrees a side.
-KVaneParams replayParams(int32_t beamCount) {
-    KVaneParams p{};
-    p.reserved0[0] = 0.4f;
-    p.reserved0[1] = 15.0f;
-    p.reserved0[2] = 70.0f;
-    p.depthLimitNear = 15.0f;
-    p.depthLimitFar = 30.0f;
-    p.soundSpeed = 1500.0f;
-    p.sectorPort = 70.0f;
-    p.sectorStarboard = 70.0f;
-    p.pulseLength = 0.00005f;
-    p.limitMode = 1;
-    p.beamSpacing = 1;
-    p.imageWidth = 824;
-    p.imageHeight = 329;
-    p.imageGain = 1.0f;
-    p.beamCount = beamCount;
-    p.fixedGainEnable = 1;
-    p.reserved6 = 3;
-    p.trackEnable = 1;
-    p.sideScanMode = 1;
-    p.sideScanRows = 100;
-    p.rollCount = 1;
-    p.clipRatio = 0.01f;
-    return p;
-}
 
 Survey runSurvey(const kvsim::SimConfig& config, int32_t beamCount, bool segmented) {
     Survey s;
@@ -60,7 +34,7 @@ Survey runSurvey(const kvsim::SimConfig& config, int32_t beamCount, bool segment
         kvsim::SimPing ping = kvsim::simulatePing(config, k);
         const int32_t n = ping.sampleCount;
         beamImage.assign(static_cast<size_t>(n + 6) * (beamCount + 6), 0.0f);
-        KVaneParams params = replayParams(beamCount);
+        KVaneParams params = kvreplay::harnessParams(beamCount);
         if (segmented) {
             const int count = std::min<int>(100, static_cast<int>(ping.rollAngle.size()));
             params.rollCount = count;
