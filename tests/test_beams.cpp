@@ -1,6 +1,5 @@
 // test_beams.cpp - the fan, steering and beam sums, the split-aperture
-// correlators and the amplitude image, against plane waves and against the
-// definitions of the fan, the roll interpolation and the image steps.
+// correlators and the amplitude image.
 #include <gtest/gtest.h>
 #include <omp.h>
 
@@ -18,9 +17,8 @@ using kvane::cfloat;
 using cd = std::complex<double>;
 constexpr double kPi = 3.14159265358979323846;
 
-// A plane wave from theta degrees: element e carries exp(-j 2 pi 200 kHz tau_e)
-// env(t - tau_e), tau_e = e * 3.75 mm * sin(theta) / c, with a Gaussian
-// envelope (width in samples; width 0: a steady wave).
+// A plane wave from theta degrees over the 64 elements (3.75 mm apart, 200 kHz
+// carrier, 20 kHz sampling) with a Gaussian envelope; width 0: a steady wave.
 std::vector<cfloat> planeWave(int32_t n, double theta, double c, double centre, double width) {
     std::vector<cfloat> x(static_cast<std::size_t>(64) * n);
     for (int e = 0; e < 64; ++e) {
@@ -36,9 +34,17 @@ std::vector<cfloat> planeWave(int32_t n, double theta, double c, double centre, 
 
 double phaseOf(cfloat v) { return std::atan2(v.im, v.re); }
 double absOf(cfloat v) { return std::hypot(v.re, v.im); }
+double peakOf(const std::vector<cfloat>& v) {
+    double p = 0.0;
+    for (const cfloat& x : v) p = std::max(p, absOf(x));
+    return p;
+}
+void expectClose(cfloat a, cfloat b, double tol) {
+    ASSERT_NEAR(a.re, b.re, tol);
+    ASSERT_NEAR(a.im, b.im, tol);
+}
 
-// The beamforming step's buffers for n samples and up to 256 beams; the
-// correlators' scratch at the workspace's sizes.
+// The beamforming step's buffers for n samples and an equal-angle fan.
 struct Rig {
     int32_t n;
     std::vector<cfloat> filtered, raw, formed, split, steer, segFiltered, segChannel, segBeam,
@@ -53,28 +59,23 @@ struct Rig {
         for (auto* v : {&filtered, &raw, &segFiltered, &segChannel}) v->resize(64 * n);
         for (auto* v : {&formed, &split, &segBeam, &segSplit}) v->resize(256 * n);
         for (auto* v : {&low, &mid, &high, &sum}) v->resize(2048000);
-        aligned.resize(64 * 8000);
-        steer.resize(256 * 64);
-        alignScratch.resize(3 * 8008);
+        aligned.resize(64 * 8000), steer.resize(256 * 64), alignScratch.resize(3 * 8008);
         params->soundSpeed = 1500.0f;
         params->rollCount = 1;
         params->beamCount = B;
         int32_t sig = 0;
         std::vector<float> copies(1920);
-        kvane::finishBeamFan(angles.data(), anglesDouble.data(), copies.data(), sector, sector, 1,
-                             B, &sig);
+        kvane::finishBeamFan(angles.data(), anglesDouble.data(), copies.data(), sector, sector, 1, B, &sig);
     }
     kvane::SplitScratch scratch() {
         return {low.data(), mid.data(), high.data(), sum.data(), aligned.data(), alignScratch.data()};
     }
     float form(const std::vector<cfloat>& x) {
         filtered = raw = x;
-        kvane::BeamformingIo io{filtered.data(),   raw.data(),     formed.data(),
-                                split.data(),      steer.data(),   segFiltered.data(),
-                                segChannel.data(), segBeam.data(), segSplit.data(),
-                                scratch(),         &lastRollAngle, &lastRollTime};
-        return kvane::formBeams(params.get(), result.get(), angles.data(), anglesDouble.data(), n,
-                                &io);
+        kvane::BeamformingIo io{filtered.data(), raw.data(), formed.data(), split.data(),
+                                steer.data(), segFiltered.data(), segChannel.data(), segBeam.data(),
+                                segSplit.data(), scratch(), &lastRollAngle, &lastRollTime};
+        return kvane::formBeams(params.get(), result.get(), angles.data(), anglesDouble.data(), n, &io);
     }
     cfloat formedAt(int32_t b, int32_t t) const { return formed[std::size_t(b) * n + t]; }
     cfloat splitAt(int32_t b, int32_t t) const { return split[std::size_t(b) * n + t]; }
@@ -102,31 +103,22 @@ TEST(BeamFan, DefaultFansAndTheHostsFans) {
     EXPECT_EQ(copies[768], -1.0f);
     for (int i = 0; i < 256; ++i) ASSERT_EQ(ad[i], double(a[i]));
 
-    // Equal distances: the beams meet a flat bottom at equal steps, and with
-    // P == S the fan is symmetric up to the floors of the end positions.
+    // Equal distances on a flat bottom; symmetric up to the floors of the ends.
     kvane::finishBeamFan(a.data(), ad.data(), copies.data(), 60.0f, 60.0f, 2, 128, &sig);
     const double dx = 2.0 * std::floor(10000.0 * std::tan(kPi / 3.0)) / 127.0;
     for (int i = 0; i < 128; ++i) ASSERT_NEAR(a[i], -a[127 - i], 0.01) << i;
     for (int i = 1; i < 128; ++i)
-        ASSERT_NEAR(10000.0 * (std::tan(a[i] * kPi / 180) - std::tan(a[i - 1] * kPi / 180)), dx,
-                    0.05 * dx);
-}
+        ASSERT_NEAR(10000.0 * (std::tan(a[i] * kPi / 180) - std::tan(a[i - 1] * kPi / 180)), dx, 0.05 * dx);
 
-TEST(BeamFan, SignatureReportsChangesAndTruncates) {
-    std::vector<float> a(256), copies(1920);
-    std::vector<double> ad(256);
-    int32_t sig = 0;
+    // The signature: only the sum P + S and the count count; a fractional sum
+    // is stored truncated, so it reads as new on every ping.
     auto run = [&](float P, float S, int32_t B) {
         return kvane::finishBeamFan(a.data(), ad.data(), copies.data(), P, S, 1, B, &sig);
     };
-    EXPECT_EQ(run(60.0f, 60.0f, 256), 1);
-    EXPECT_EQ(sig, 377);
-    EXPECT_EQ(run(60.0f, 60.0f, 256), 0);
-    EXPECT_EQ(run(60.0f, 60.0f, 128), 1);
-    EXPECT_EQ(run(61.0f, 59.0f, 128), 0);  // only the sum counts
-    // A fractional sum is stored truncated, so it reads as new on every ping.
-    EXPECT_EQ(run(60.5f, 60.0f, 128), 1);
-    EXPECT_EQ(run(60.5f, 60.0f, 128), 1);
+    sig = 0;
+    const float calls[6][4] = {{60, 60, 256, 1}, {60, 60, 256, 0}, {60, 60, 128, 1},
+                               {61, 59, 128, 0}, {60.5f, 60, 128, 1}, {60.5f, 60, 128, 1}};
+    for (const auto& c : calls) EXPECT_EQ(run(c[0], c[1], int32_t(c[2])), int32_t(c[3])) << c[0] << " " << c[2];
     EXPECT_EQ(sig, 249);
 }
 
@@ -136,18 +128,16 @@ TEST(InterpolateRoll, IntervalsEqualityBranchAndRetainedSample) {
     const float angles1[3] = {1.0f, 3.0f, 3.0f};
     const int32_t times1[3] = {100, 200, 260};
     kvane::interpolateRoll(roll, 30, angles1, times1, 3, 50, &lastAngle, &lastTime);
-    EXPECT_FLOAT_EQ(roll[0], 0.5f);   // 50 ms, from the retained sample (0 ms, 0)
-    EXPECT_FLOAT_EQ(roll[5], 1.0f);   // 100 ms: the interval that starts there
-    EXPECT_FLOAT_EQ(roll[10], 2.0f);  // 150 ms
-    EXPECT_EQ(roll[21], 0.0f);        // 260 ms, the last sample: no interval
+    EXPECT_FLOAT_EQ(roll[0], 0.5f);   // 50 ms, from the retained sample
+    EXPECT_FLOAT_EQ(roll[5], 1.0f);
+    EXPECT_FLOAT_EQ(roll[10], 2.0f);
+    EXPECT_EQ(roll[21], 0.0f);        // the last sample starts no interval
     EXPECT_EQ(roll[29], 0.0f);        // later than the table: 0, not held
     EXPECT_EQ(lastAngle, 3.0f);
     EXPECT_EQ(lastTime, 260.0f);
 
-    // Repeated times take the equality branch, which reads the table at the
-    // segment's index (3: the value 9), not at the matching position.
-    lastTime = 0.0f;
-    lastAngle = 0.0f;
+    // Repeated times read the table at the segment's index (3: the value 9).
+    lastTime = lastAngle = 0.0f;
     const float angles2[4] = {2.0f, 7.0f, 9.0f, 11.0f};
     const int32_t times2[4] = {60, 60, 200, 300};
     kvane::interpolateRoll(roll, 5, angles2, times2, 4, 30, &lastAngle, &lastTime);
@@ -156,13 +146,12 @@ TEST(InterpolateRoll, IntervalsEqualityBranchAndRetainedSample) {
     EXPECT_FLOAT_EQ(roll[4], 7.0f + 2.0f * 10.0f / 140.0f);
     EXPECT_EQ(lastAngle, 11.0f);
 
-    // No samples: zero roll throughout, the retained sample stays.
     kvane::interpolateRoll(roll, 5, angles2, times2, 0, 30, &lastAngle, &lastTime);
     for (int k = 0; k < 5; ++k) EXPECT_EQ(roll[k], 0.0f);
     EXPECT_EQ(lastAngle, 11.0f);
 }
 
-TEST(PlaneWave, PeaksInItsBeamWithARealPositiveSplitProduct) {
+TEST(PlaneWave, PeaksInItsBeamAndTheSplitPhaseGivesTheSide) {
     Rig rig(600, 256, 70.0f);
     for (int32_t k : {30, 128, 240}) {
         EXPECT_EQ(rig.form(planeWave(rig.n, rig.angles[k], 1500.0, 300.0, 15.0)), 0.0f);
@@ -178,13 +167,7 @@ TEST(PlaneWave, PeaksInItsBeamWithARealPositiveSplitProduct) {
             EXPECT_GT(rig.splitAt(k, t).re, 0.0f) << k << " " << t;
             EXPECT_NEAR(phaseOf(rig.splitAt(k, t)), 0.0, 0.01) << k << " " << t;
         }
-    }
-}
-
-TEST(PlaneWave, SplitPhaseTellsStarboardFromPort) {
-    Rig rig(600, 128, 60.0f);
-    for (int32_t k : {20, 64, 110}) {
-        // A wave a little to starboard (larger angle) gives a positive phase.
+        // A little to starboard (a larger angle): positive phase.
         rig.form(planeWave(rig.n, rig.angles[k] + 0.3, 1500.0, 300.0, 15.0));
         EXPECT_GT(phaseOf(rig.splitAt(k, 300)), 0.05) << k;
         rig.form(planeWave(rig.n, rig.angles[k] - 0.3, 1500.0, 300.0, 15.0));
@@ -192,50 +175,38 @@ TEST(PlaneWave, SplitPhaseTellsStarboardFromPort) {
     }
 }
 
-TEST(PlaneWave, AlignmentKeepsAShortPulseCoherentAcrossTheArray) {
-    // At the outer sections a pulse takes about three samples to cross the
-    // array. Aligned for a section's centre beam, a short pulse from that
-    // direction peaks in the split product as high as a steady wave does;
-    // unaligned (the narrow-band product) it does not.
+TEST(PlaneWave, SectionedAlignmentAgainstTheNarrowBandProduct) {
     Rig rig(600, 256, 70.0f);
     auto scratch = rig.scratch();
-    std::vector<cfloat> pulse(256 * 600), steady(256 * 600), narrow(256 * 600);
-    for (int32_t k : {8, 246}) {  // centre beams of the first and last section
-        const std::vector<cfloat> x = planeWave(600, rig.angles[k], 1500.0, 300.0, 2.5);
-        const std::vector<cfloat> y = planeWave(600, rig.angles[k], 1500.0, 0.0, 0.0);
-        kvane::correlateSubAperturesSectioned(x.data(), 600, 64, 0.0f, 1500.0f, rig.angles.data(),
-                                              256, pulse.data(), &scratch);
-        kvane::correlateSubAperturesSectioned(y.data(), 600, 64, 0.0f, 1500.0f, rig.angles.data(),
-                                              256, steady.data(), &scratch);
-        kvane::correlateSubAperturesNarrowBand(x.data(), 600, 0.0f, 1500.0f,
-                                               rig.anglesDouble.data(), 256, 1, narrow.data(),
-                                               &scratch);
-        const double level = absOf(steady[k * 600 + 300]);
-        EXPECT_NEAR(absOf(pulse[k * 600 + 300]) / level, 1.0, 0.003) << k;
-        EXPECT_LT(absOf(narrow[k * 600 + 300]) / level, 0.9) << k;
+    auto sectioned = [&](const std::vector<cfloat>& x, int32_t n, float roll, float c, int32_t B) {
+        std::vector<cfloat> out(256 * 600);
+        kvane::correlateSubAperturesSectioned(x.data(), n, 64, roll, c, rig.angles.data(), B, out.data(), &scratch);
+        return out;
+    };
+    auto narrowBand = [&](const std::vector<cfloat>& x, int32_t n, float roll, float c, int32_t B) {
+        std::vector<cfloat> out(256 * 600);
+        kvane::correlateSubAperturesNarrowBand(x.data(), n, roll, c, rig.anglesDouble.data(), B, 1, out.data(), &scratch);
+        return out;
+    };
+    // A short pulse takes about three samples to cross the array at the outer
+    // sections: aligned for the section's centre beam it peaks as high as a
+    // steady wave does; the narrow-band product loses coherence.
+    for (int32_t k : {8, 246}) {
+        const auto x = planeWave(600, rig.angles[k], 1500.0, 300.0, 2.5);
+        const auto steady = planeWave(600, rig.angles[k], 1500.0, 0.0, 0.0);
+        const double level = absOf(sectioned(steady, 600, 0.0f, 1500.0f, 256)[k * 600 + 300]);
+        EXPECT_NEAR(absOf(sectioned(x, 600, 0.0f, 1500.0f, 256)[k * 600 + 300]) / level, 1.0, 0.003) << k;
+        EXPECT_LT(absOf(narrowBand(x, 600, 0.0f, 1500.0f, 256)[k * 600 + 300]) / level, 0.9) << k;
     }
-}
-
-TEST(PlaneWave, NarrowBandAndSectionedAgreeOnASteadyWave) {
-    // With a steady wave the time alignment changes nothing away from the
-    // block's ends, so both correlators give every beam the same product.
+    // On a steady wave the alignment changes nothing away from the ends.
     const int32_t n = 300;
-    Rig rig(n, 128, 70.0f);
-    const std::vector<cfloat> x = planeWave(n, 23.3, 1480.0, 0.0, 0.0);
-    auto scratch = rig.scratch();
-    std::vector<cfloat> narrow(128 * n), sectioned(128 * n);
-    kvane::correlateSubAperturesNarrowBand(x.data(), n, 1.5f, 1480.0f, rig.anglesDouble.data(), 128,
-                                           1, narrow.data(), &scratch);
-    kvane::correlateSubAperturesSectioned(x.data(), n, 64, 1.5f, 1480.0f, rig.angles.data(), 128,
-                                          sectioned.data(), &scratch);
-    double peak = 0.0;
-    for (const cfloat& v : narrow) peak = std::max(peak, absOf(v));
+    Rig fan(n, 128, 70.0f);
+    rig.angles = fan.angles, rig.anglesDouble = fan.anglesDouble;
+    const auto x = planeWave(n, 23.3, 1480.0, 0.0, 0.0);
+    const auto a = narrowBand(x, n, 1.5f, 1480.0f, 128), s = sectioned(x, n, 1.5f, 1480.0f, 128);
+    const double peak = peakOf(a);
     for (int32_t b = 0; b < 128; ++b)
-        for (int32_t t = 8; t < n - 8; ++t) {
-            const cfloat a = narrow[b * n + t], s = sectioned[b * n + t];
-            ASSERT_NEAR(a.re, s.re, 2e-4 * peak) << b << " " << t;
-            ASSERT_NEAR(a.im, s.im, 2e-4 * peak) << b << " " << t;
-        }
+        for (int32_t t = 8; t < n - 8; ++t) expectClose(a[b * n + t], s[b * n + t], 2e-4 * peak);
 }
 
 TEST(Segmented, ConstantRollEqualsTheTurnedFan) {
@@ -254,38 +225,25 @@ TEST(Segmented, ConstantRollEqualsTheTurnedFan) {
         const std::vector<cfloat> x = planeWave(n, 31.0, 1500.0, 500.0, 40.0);
         EXPECT_EQ(seg.form(x), r);
         turned.form(x);
-        for (int k = 0; k < 100; ++k)
-            EXPECT_EQ(seg.result->segmentRoll[k], k < (n + 199) / 200 ? r : 0.0f);
+        for (int k = 0; k < 100; ++k) EXPECT_EQ(seg.result->segmentRoll[k], k < (n + 199) / 200 ? r : 0.0f);
         EXPECT_EQ(seg.lastRollTime, 100000.0f);
-
-        double peak = 0.0, splitPeak = 0.0;
-        for (std::size_t i = 0; i < turned.formed.size(); ++i) {
-            peak = std::max(peak, absOf(turned.formed[i]));
-            splitPeak = std::max(splitPeak, absOf(turned.split[i]));
-        }
+        const double peak = peakOf(turned.formed), splitPeak = peakOf(turned.split);
         for (int32_t b = 0; b < 256; ++b)
             for (int32_t t = 0; t < n; ++t) {
-                ASSERT_NEAR(seg.formedAt(b, t).re, turned.formedAt(b, t).re, 1e-5 * peak);
-                ASSERT_NEAR(seg.formedAt(b, t).im, turned.formedAt(b, t).im, 1e-5 * peak);
-                // Split products differ only near segment borders, where each
-                // segment is aligned on its own.
+                expectClose(seg.formedAt(b, t), turned.formedAt(b, t), 1e-5 * peak);
+                // Each segment is aligned on its own: borders differ.
                 if (t % 200 < 8 || t % 200 >= 192 || t >= n - 8) continue;
-                ASSERT_NEAR(seg.splitAt(b, t).re, turned.splitAt(b, t).re, 1e-5 * splitPeak);
-                ASSERT_NEAR(seg.splitAt(b, t).im, turned.splitAt(b, t).im, 1e-5 * splitPeak);
+                expectClose(seg.splitAt(b, t), turned.splitAt(b, t), 1e-5 * splitPeak);
             }
     }
-}
-
-TEST(Segmented, OutOfRangeRollCountIsWrittenBackAsOne) {
+    // An out-of-range roll count is written back as 1, still segmented.
     Rig rig(400, 64, 60.0f);
     rig.params->rollCount = -101;
-    rig.params->rollAngle[0] = 1.0f;
+    rig.params->rollAngle[0] = rig.lastRollAngle = 1.0f;
     rig.params->rollTime[0] = 1000;
-    rig.lastRollAngle = 1.0f;
     rig.lastRollTime = -1000.0f;
     EXPECT_EQ(rig.form(planeWave(rig.n, 0.0, 1500.0, 200.0, 20.0)), 1.0f);
     EXPECT_EQ(rig.params->rollCount, 1);
-    // Still segmented on this ping, steered with the one sample.
     EXPECT_EQ(rig.result->segmentRoll[1], 1.0f);
     EXPECT_EQ(rig.lastRollTime, 1000.0f);
 }
@@ -298,10 +256,7 @@ TEST(Segmented, BeamsDoNotDependOnTheThreadCount) {
         for (int run = 0; run < 2; ++run) {
             Rig rig(n, 128, 60.0f);
             rig.params->rollCount = rollCount;
-            for (int k = 0; k < 3; ++k) {
-                rig.params->rollAngle[k] = 1.5f * k - 1.0f;
-                rig.params->rollTime[k] = 30 * k;
-            }
+            for (int k = 0; k < 3; ++k) rig.params->rollAngle[k] = 1.5f * k - 1.0f, rig.params->rollTime[k] = 30 * k;
             const int before = omp_get_max_threads();
             omp_set_num_threads(run == 0 ? 1 : 3);
             rig.form(x);
@@ -309,10 +264,7 @@ TEST(Segmented, BeamsDoNotDependOnTheThreadCount) {
             out[run] = rig.formed;
             out[run].insert(out[run].end(), rig.split.begin(), rig.split.end());
         }
-        for (std::size_t i = 0; i < out[0].size(); ++i) {
-            ASSERT_EQ(out[0][i].re, out[1][i].re) << rollCount << " " << i;
-            ASSERT_EQ(out[0][i].im, out[1][i].im) << rollCount << " " << i;
-        }
+        for (std::size_t i = 0; i < out[0].size(); ++i) expectClose(out[0][i], out[1][i], 0.0);
     }
 }
 
@@ -327,11 +279,9 @@ TEST(SplitSections, TablesForTheDriverBeamCounts) {
     for (const auto& row : table) {
         kvane::SplitSection s[15];
         kvane::splitSections(s, row[15]);
-        for (int i = 0; i < 15; ++i) {
-            EXPECT_EQ(s[i].first, row[i]);
-            EXPECT_EQ(s[i].last, row[i + 1]);
-            EXPECT_EQ(s[i].centreBeam, row[16 + i]);
-        }
+        for (int i = 0; i < 15; ++i)
+            EXPECT_EQ(std::vector<int32_t>({s[i].first, s[i].last, s[i].centreBeam}),
+                      std::vector<int32_t>({row[i], row[i + 1], row[16 + i]}));
     }
 }
 
@@ -339,8 +289,7 @@ TEST(FractionalDelay, UnitImpulseAtZeroAndAPhaseDelayElsewhere) {
     float h[5];
     kvane::fractionalDelayTaps(h, 0.0);
     for (int j = 0; j < 5; ++j) EXPECT_NEAR(h[j], j == 2 ? 1.0 : 0.0, 3e-6) << j;
-    // A slow tone through the filter comes out delayed by d samples:
-    // sum over m of h[m] exp(j w (2 - m)) = exp(-j w d), unit gain at 0.
+    // A slow tone comes out delayed by d samples with unit gain.
     for (double d : {-0.5, -0.3, -0.1, 0.1, 0.25, 0.4999}) {
         kvane::fractionalDelayTaps(h, d);
         cd response = 0.0;
@@ -363,9 +312,8 @@ TEST(BeamImage, MagnitudeAndHalfFanClipping) {
     EXPECT_EQ(low, (std::vector<float>{100, 1, 0, 0}));
     EXPECT_EQ(high, (std::vector<float>{100, 99.5f, 1, 100, 0, 0, 0, 0}));
 
-    // The whole step (magnitudes clipped per sample, in both images) against
-    // the sample-major definition: an odd beam count, a length that is no
-    // multiple of any tile, samples whose whole half is zero.
+    // The whole step against the sample-major definition: an odd beam count,
+    // a length no tile divides, samples whose whole half is zero.
     const int32_t B = 7, n = 150;
     std::vector<cfloat> formed(B * n);
     std::vector<float> bySample(n * B);
@@ -401,7 +349,6 @@ TEST(BeamImage, SmoothingSpreadsAnImpulseOverSevenBySeven) {
                 ASSERT_EQ(image[b * n + t], env[b * n + t]);
             }
     }
-    EXPECT_NEAR(49.0f * k, 1.0f, 1e-6f);
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
-"""Fixtures of the binding's tests. KVANE_LIBRARY names the library under
-test, KVANE_BINARY_DIR the build tree with tools/ (CTest sets both). Without
-numpy the run ends with exit code 77, which CTest counts as skipped."""
+"""Fixtures: KVANE_LIBRARY names the library, KVANE_BINARY_DIR the build tree
+with tools/. Without numpy the run exits with 77, which CTest counts as skipped."""
 
 import importlib
 import os
@@ -23,7 +22,6 @@ def pytest_sessionstart(session):
 
 @pytest.fixture(scope="session")
 def library():
-    """The loaded library; skips when none is found, unless KVANE_LIBRARY names one."""
     import kvane
 
     try:
@@ -44,7 +42,6 @@ def workspace(library):
 
 @pytest.fixture(scope="session")
 def tool():
-    """Path of a tool program in the build tree; skips when it is absent."""
     binary_dir = pathlib.Path(os.environ.get("KVANE_BINARY_DIR", SOURCE_DIR / "build"))
 
     def find(name):

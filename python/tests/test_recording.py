@@ -37,9 +37,8 @@ def test_odd_sample_block_splits_at_half_the_block(tmp_path):
     (tmp_path / "odd.rec").write_bytes(head + block + struct.pack("<i", 0) + bytes(2) + b"TAIL")
     (ping,) = kvane.read_recording(tmp_path / "odd.rec")
     assert ping.plane_i.shape == (64, 2) and ping.tail_mark == b"TAIL"
-    assert ping.plane_i[0, 1] == struct.unpack_from("<i", block, 4)[0]
-    assert ping.plane_q[0, 0] == struct.unpack_from("<i", block, 515)[0]
-    assert ping.plane_q[63, 1] == struct.unpack_from("<i", block, 515 + 127 * 4)[0]
+    word = [struct.unpack_from("<i", block, at)[0] for at in (4, 515, 515 + 127 * 4)]
+    assert [ping.plane_i[0, 1], ping.plane_q[0, 0], ping.plane_q[63, 1]] == word
 
 
 def read_all(path):

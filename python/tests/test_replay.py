@@ -1,9 +1,6 @@
 """A simulated recording through the binding gives the replay tool's bottom
-line, and the plotting example runs on it.
-
-The kernel keeps state between pings for the life of the process, so the
-binding's side runs in a fresh interpreter, as the replay tool runs in a fresh
-process."""
+line. The kernel keeps state for the life of the process, so the binding's
+side runs in a fresh interpreter."""
 
 import json
 import os
@@ -15,8 +12,6 @@ import pytest
 
 from conftest import PYTHON_DIR
 
-# Reads the recording given first, runs every ping with the default
-# parameters, writes the bottom lines to the CSV given second.
 BINDING_SIDE = """
 import json, sys, kvane
 extra = json.loads(sys.argv[3])
