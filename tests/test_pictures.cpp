@@ -28,10 +28,10 @@ struct OwnGrid {  // a sector grid with buffers of its own
 };
 
 struct OwnWork {
-    std::vector<float> sampleMajor = std::vector<float>(2048000), regrid = std::vector<float>(2048000);
+    std::vector<float> regrid = std::vector<float>(2048000);
     std::vector<float> angleGrid = std::vector<float>(256);
     std::vector<int32_t> sourceBeam = std::vector<int32_t>(256);
-    WedgeWork w{sampleMajor.data(), regrid.data(), angleGrid.data(), sourceBeam.data()};
+    WedgeWork w{regrid.data(), angleGrid.data(), sourceBeam.data()};
 };
 
 // Beams at equal angles, or striking a flat bottom at equal distances.

@@ -86,7 +86,6 @@ void extendBottomChain(const float* candidates, float beamCount, float sampleCou
 
 // Scratch of the wedge picture, from the workspace.
 struct WedgeWork {
-    float* sampleMajor;  // 2,048,000
     float* regrid;       // 2,048,000
     float* angleGrid;    // 256
     int32_t* sourceBeam; // 256

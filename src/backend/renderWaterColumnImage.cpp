@@ -34,9 +34,9 @@ void staticBlock(int32_t count, int32_t team, int32_t t, int32_t* begin, int32_t
 }
 
 // Re-grid for equal-distance beams: an even angle grid over the sectors, the
-// beam interval that holds each grid angle, and the matrix read at those
-// beams.
-void regridBeams(const float* sampleMajor, float* regrid, float* angleGrid, int32_t* sourceBeam,
+// beam interval that holds each grid angle, and the image read at those
+// beams into the sample-major regrid matrix (row i: the beams of sample i).
+void regridBeams(const float* beamImage, float* regrid, float* angleGrid, int32_t* sourceBeam,
                  const float* beamAngles, int32_t beamCount, int32_t sampleCount,
                  float sectorPort, float sectorStarboard) {
     const int32_t B = beamCount;
@@ -81,19 +81,21 @@ void regridBeams(const float* sampleMajor, float* regrid, float* angleGrid, int3
     }
 #pragma omp parallel for num_threads(teamSize()) schedule(static)
     for (int32_t i = 0; i < sampleCount - 1; ++i) {
-        const float* next = sampleMajor + static_cast<std::size_t>(i + 1) * B;
+        const float* next = beamImage + i + 1;
         float* row = regrid + static_cast<std::size_t>(i) * B;
-        for (int32_t j = 0; j < B; ++j) row[j] = next[column[j]];
+        for (int32_t j = 0; j < B; ++j)
+            row[j] = next[static_cast<std::size_t>(column[j]) * sampleCount];
     }
 }
 
 // The remap of the grid into displayImage, with the gain and the conversion
-// to bytes. A: the sample-major source matrix, row stride beamCount. Grid rows
-// and columns that fall outside the raster are not computed: nothing outside
-// imageWidth x imageHeight is ever written.
-void remapToDisplay(const float* A, int32_t beamCount, int32_t sampleCount, float imageGain,
-                    uint8_t* displayImage, int32_t imageWidth, int32_t imageHeight,
-                    const SectorGrid* grid) {
+// to bytes. A: the source matrix, value (sample v, beam u) at A[v * vStride +
+// u * uStride]: the beam-major image itself, or the sample-major regrid. Grid
+// rows and columns that fall outside the raster are not computed: nothing
+// outside imageWidth x imageHeight is ever written.
+void remapToDisplay(const float* A, std::size_t vStride, std::size_t uStride, int32_t beamCount,
+                    int32_t sampleCount, float imageGain, uint8_t* displayImage,
+                    int32_t imageWidth, int32_t imageHeight, const SectorGrid* grid) {
     if (grid->cells <= 0) return;
     const int32_t rows = std::min(grid->rows, imageHeight);
     const int32_t cols = grid->cols;
@@ -104,7 +106,6 @@ void remapToDisplay(const float* A, int32_t beamCount, int32_t sampleCount, floa
     const int32_t firstCol = std::max(0, -offset);
     const int32_t endCol = std::min(cols, imageWidth - offset);
     if (rows <= 0 || endCol <= firstCol) return;
-    const int32_t B = beamCount;
     const float lastBeam = static_cast<float>(beamCount - 1);
     const float lastSample = static_cast<float>(sampleCount - 1);
 
@@ -129,10 +130,10 @@ void remapToDisplay(const float* A, int32_t beamCount, int32_t sampleCount, floa
                 const float fv = v - static_cast<float>(iv);
                 // The fractional parts weight the lower neighbour, in both
                 // coordinates: the picture's own interpolation, kept as it is.
-                const float* near = A + static_cast<std::size_t>(iv) * B + iu;
-                const float* far = A + static_cast<std::size_t>(iv1) * B + iu;
+                const float* near = A + static_cast<std::size_t>(iv) * vStride + iu * uStride;
+                const float* far = A + static_cast<std::size_t>(iv1) * vStride + iu * uStride;
                 const float lowColumn = fv * near[0] + (1.0f - fv) * far[0];
-                const float highColumn = fv * near[1] + (1.0f - fv) * far[1];
+                const float highColumn = fv * near[uStride] + (1.0f - fv) * far[uStride];
                 level = fu * lowColumn + (1.0f - fu) * highColumn;
             }
             out[c + offset] = toByte(level * imageGain);
@@ -158,16 +159,17 @@ void renderWaterColumnImage(const float* beamImage, int32_t beamCount, int32_t s
     const int32_t B = beamCount;
     const int32_t S = sampleCount;
 
-    // Equal angles: the grid indexes the beams of the transposed image
-    // directly. Equal distances: it indexes the re-gridded matrix.
-    transpose(work->sampleMajor, beamImage, B, S);
-    const float* source = work->sampleMajor;
-    if (beamSpacing == 2) {
-        regridBeams(work->sampleMajor, work->regrid, work->angleGrid, work->sourceBeam, beamAngles,
-                    B, S, sectorPort, sectorStarboard);
-        source = work->regrid;
+    // Equal angles: the grid indexes the beams of the image directly (read in
+    // place, beam-major). Equal distances: it indexes the re-gridded matrix.
+    if (beamSpacing == 1) {
+        remapToDisplay(beamImage, 1, static_cast<std::size_t>(S), B, S, imageGain, displayImage,
+                       imageWidth, imageHeight, grid);
+        return;
     }
-    remapToDisplay(source, B, S, imageGain, displayImage, imageWidth, imageHeight, grid);
+    regridBeams(beamImage, work->regrid, work->angleGrid, work->sourceBeam, beamAngles, B, S,
+                sectorPort, sectorStarboard);
+    remapToDisplay(work->regrid, static_cast<std::size_t>(B), 1, B, S, imageGain, displayImage,
+                   imageWidth, imageHeight, grid);
 }
 
 }  // namespace kvane

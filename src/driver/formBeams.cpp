@@ -199,8 +199,7 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
     // on this path).
 #pragma omp parallel num_threads(teamSize())
     {
-        const SplitThreadStore store =
-            splitThreadStore(&io->split, omp_get_thread_num(), kSegmentLength);
+        const SplitThreadStore store = splitThreadStore(&io->split, omp_get_thread_num());
         // The thread's own steering matrix, B x 64 (128 KB of stack).
         cfloat steer[kMaxBeams * kChannels];
 #pragma omp for schedule(static)

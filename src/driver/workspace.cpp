@@ -85,7 +85,6 @@ void buildWorkspace() {
     retained.grid.y = alloc<float>(kGridCapacity);
     retained.grid.range = alloc<float>(kGridCapacity);
     retained.grid.beam = alloc<float>(kGridCapacity);
-    ws.wedge.sampleMajor = alloc<float>(kBeamSet);
     ws.wedge.regrid = alloc<float>(kBeamSet);
     ws.wedge.angleGrid = alloc<float>(256);
     ws.wedge.sourceBeam = alloc<int32_t>(256);
@@ -107,8 +106,7 @@ void buildWorkspace() {
                    ws.detect.envelopeWork, ws.detect.iqWork, ws.detect.gateIq, ws.detect.gateI,
                    ws.detect.gateQ, ws.detect.gatePhase, ws.detect.scratchA, ws.detect.scratchB,
                    retained.grid.x, retained.grid.y, retained.grid.range, retained.grid.beam,
-                   ws.wedge.sampleMajor, ws.wedge.regrid, ws.wedge.angleGrid,
-                   ws.wedge.sourceBeam,
+                   ws.wedge.regrid, ws.wedge.angleGrid, ws.wedge.sourceBeam,
                    ws.waterfall, candidateRecords};
     bool ok = true;
     for (void* p : all) ok = ok && p != nullptr;
@@ -150,7 +148,6 @@ void releaseWorkspace() {
     release(retained.grid.y);
     release(retained.grid.range);
     release(retained.grid.beam);
-    release(ws.wedge.sampleMajor);
     release(ws.wedge.regrid);
     release(ws.wedge.angleGrid);
     release(ws.wedge.sourceBeam);

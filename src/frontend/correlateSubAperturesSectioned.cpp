@@ -51,41 +51,47 @@ constexpr float kDelayConstant = -75.0f;
 
 // A section holds at most 19 beams for a fan of up to 256 beams.
 constexpr int32_t kMaxSectionBeams = 24;
-constexpr int32_t kScratchRow = 8000 + 8;
 
-// Channel ch of the block, aligned for a beam whose delay at this channel is
-// shift + fraction samples: advanced by the whole shift, then delayed by
-// -fraction through the 5-tap filter centred on tap 2.
+// Samples [t0, t0 + w) of channel ch of the block, aligned for a beam whose
+// delay at this channel is shift + fraction samples: advanced by the whole
+// shift, then delayed by -fraction through the 5-tap filter centred on tap 2.
 //
 // The shifted row holds x[k + shift] where both k and k + shift lie in
 // 0..n-1 and zeros elsewhere; the filter reads it from position 2 on, sees
 // nothing before that position, and reads zeros for the two samples past the
 // row's end. Zeros at both places make each channel's result depend on its
-// own samples only (not on the thread count or on the previous channel).
-// q is scratch of n + 4 samples; q[4 + i] is the filter's input sample i.
+// own samples only (not on the thread count or on the previous channel), and
+// every output sample the same whichever block of samples it is formed in.
+// q is scratch of w + 4 samples: q[4 + i] is the filter's input sample t0 + i.
 void alignChannel(cfloat* aligned, const cfloat* x, int32_t n, int32_t shift, const float* h,
-                  cfloat* q) {
+                  int32_t t0, int32_t w, cfloat* q) {
     // A shift beyond the row leaves nothing of it (and a shift from a
     // non-finite delay arrives as the most negative integer): clamp it first.
     if (shift > n) shift = n;
     if (shift < -n) shift = -n;
-    // Filter input i is row position 2 + i, i.e. x[i + 2 + shift].
+    // Filter input i is row position 2 + i, i.e. x[i + 2 + shift], for i in
+    // [lo, hi); zero elsewhere.
     int32_t lo = -2 - shift;
     if (lo < 0) lo = 0;
-    if (lo > n) lo = n;
     int32_t hi = n - 2;
     if (n - 2 - shift < hi) hi = n - 2 - shift;
-    if (hi < lo) hi = lo;
-    std::memset(q, 0, sizeof(cfloat) * static_cast<std::size_t>(4 + lo));
-    if (hi > lo)
-        std::memcpy(q + 4 + lo, x + lo + 2 + shift, sizeof(cfloat) * static_cast<std::size_t>(hi - lo));
-    std::memset(q + 4 + hi, 0, sizeof(cfloat) * static_cast<std::size_t>(n - hi));
+    // The part of [lo, hi) this block reads: inputs t0 - 4 to t0 + w - 1.
+    const int32_t from = lo > t0 - 4 ? lo : t0 - 4;
+    const int32_t to = hi < t0 + w ? hi : t0 + w;
+    if (to > from) {
+        std::memset(q, 0, sizeof(cfloat) * static_cast<std::size_t>(from - (t0 - 4)));
+        std::memcpy(q + (from - (t0 - 4)), x + from + 2 + shift,
+                    sizeof(cfloat) * static_cast<std::size_t>(to - from));
+        std::memset(q + (to - (t0 - 4)), 0, sizeof(cfloat) * static_cast<std::size_t>(t0 + w - to));
+    } else {
+        std::memset(q, 0, sizeof(cfloat) * static_cast<std::size_t>(w + 4));
+    }
 
     // z[t] = sum over j of h[j] * input[t - j], on the interleaved floats.
     const float h0 = h[0], h1 = h[1], h2 = h[2], h3 = h[3], h4 = h[4];
     const float* qf = reinterpret_cast<const float*>(q);
     float* zf = reinterpret_cast<float*>(aligned);
-    const int32_t m = 2 * n;
+    const int32_t m = 2 * w;
     for (int32_t u = 0; u < m; ++u)
         zf[u] = h0 * qf[u + 8] + h1 * qf[u + 6] + h2 * qf[u + 4] + h3 * qf[u + 2] + h4 * qf[u];
 }
@@ -163,40 +169,45 @@ struct SectionPlan {
     cfloat* out;
 };
 
-// Section s, start to end on one thread:
-// 1. each channel aligned for the centre beam: whole shift floor(delay +
+// What a section's blocks of samples share: the alignment of each channel
+// for the section's centre beam, and the sub-aperture weights of its beams.
+struct SectionSetup {
+    int32_t section = -1;
+    int32_t beams = 0;
+    int32_t shift[kElements];
+    float taps[kElements][5];
+    cfloat weights[3][32 * kMaxSectionBeams];
+};
+
+// Section s:
+// 1. each channel's alignment for the centre beam: whole shift floor(delay +
 //    0.5), the fraction in -0.5..0.5 taken by the filter as a delay of
 //    -fraction;
 // 2. the section's steering exp(j phase), element by beam (the steering
 //    rows of its beams, transposed), weighted by the taper of each of the
-//    three sub-apertures;
-// 3. the three sub-aperture products, subBeam[b][t] = sum over the 32
-//    elements of weight[i][b] * aligned[16a + i][t]; the steering phase uses
-//    the absolute element index, so all three refer to element 0;
-// 4. the closing of the beams that no later section covers: all but the
-//    border beam, which belongs to the next section too and whose result is
-//    the next section's (the last section closes all of its beams).
-void runSection(const SectionPlan& p, int32_t s, const SplitThreadStore& store) {
+//    three sub-apertures. The steering phase uses the absolute element
+//    index, so all three sub-apertures refer to element 0.
+void setUpSection(const SectionPlan& p, int32_t s, SectionSetup* setup) {
     const SplitSection& sec = p.sections[s];
-    const int32_t n = p.n;
     int32_t beams = sec.last - sec.first + 1;
     if (beams > kMaxSectionBeams) beams = kMaxSectionBeams;
+    setup->section = s;
+    setup->beams = beams;
 
+    const int32_t n = p.n;
     const float centreSin = p.sinAngle[sec.centreBeam];
     for (int32_t ch = 0; ch < kElements; ++ch) {
         const float delay = centreSin * p.delayRow[ch];
         const float whole = std::floor(delay + 0.5f);
         const float fraction = delay - whole;
-        float taps[5];
-        fractionalDelayTaps(taps, -static_cast<double>(fraction));
+        fractionalDelayTaps(setup->taps[ch], -static_cast<double>(fraction));
         // Whole shifts beyond the row are clamped to it; a non-finite delay
         // (no usable sound speed) shifts nothing.
         int32_t shift = 0;
         if (whole >= static_cast<float>(n)) shift = n;
         else if (whole <= -static_cast<float>(n)) shift = -n;
         else if (whole == whole) shift = static_cast<int32_t>(whole);
-        alignChannel(store.aligned + static_cast<int64_t>(ch) * n,
-                     p.channels + static_cast<int64_t>(ch) * n, n, shift, taps, store.scratchRow);
+        setup->shift[ch] = shift;
     }
 
     cfloat steering[kElements * kMaxSectionBeams];
@@ -205,28 +216,48 @@ void runSection(const SectionPlan& p, int32_t s, const SplitThreadStore& store) 
             const float phase = p.sinAngle[sec.first - 1 + b] * p.phaseRow[e];
             steering[e * beams + b] = cfloat{std::cos(phase), std::sin(phase)};
         }
-    cfloat weights[3][32 * kMaxSectionBeams];
     for (int32_t a = 0; a < 3; ++a)
         for (int32_t i = 0; i < 32; ++i) {
             const float t = subApertureTaper(i);
             const cfloat* from = steering + (16 * a + i) * beams;
-            cfloat* to = weights[a] + i * beams;
+            cfloat* to = setup->weights[a] + i * beams;
             for (int32_t b = 0; b < beams; ++b) to[b] = cfloat{from[b].re * t, from[b].im * t};
         }
+}
+
+// Samples [t0, t0 + w) of the section set up in `setup`, on one thread:
+// 1. the 64 channels aligned;
+// 2. the three sub-aperture products, subBeam[b][t] = sum over the 32
+//    elements of weight[i][b] * aligned[16a + i][t];
+// 3. the closing of the beams that no later section covers: all but the
+//    border beam, which belongs to the next section too and whose result is
+//    the next section's (the last section closes all of its beams).
+// A block fits the thread's cache, so its aligned channels and sub-beams are
+// read back from there.
+void runSectionBlock(const SectionPlan& p, const SectionSetup& setup, int32_t t0, int32_t w,
+                     const SplitThreadStore& store) {
+    const SplitSection& sec = p.sections[setup.section];
+    const int32_t n = p.n;
+    const int32_t beams = setup.beams;
+    for (int32_t ch = 0; ch < kElements; ++ch)
+        alignChannel(store.aligned + static_cast<int64_t>(ch) * w,
+                     p.channels + static_cast<int64_t>(ch) * n, n, setup.shift[ch],
+                     setup.taps[ch], t0, w, store.scratchRow);
 
     const float one[2] = {1.0f, 0.0f};
     const float zero[2] = {0.0f, 0.0f};
     for (int32_t a = 0; a < 3; ++a)
-        cblas_cgemm(CblasRowMajor, CblasTrans, CblasNoTrans, beams, n, 32, one, weights[a], beams,
-                    store.aligned + static_cast<int64_t>(16 * a) * n, n, zero, store.subBeams[a],
-                    n);
+        cblas_cgemm(CblasRowMajor, CblasTrans, CblasNoTrans, beams, w, 32, one,
+                    setup.weights[a], beams, store.aligned + static_cast<int64_t>(16 * a) * w, w,
+                    zero, store.subBeams[a], w);
 
-    const int32_t end = s == kSplitSections - 1 ? sec.last : sec.last - 1;
-    const int32_t closing = end - (sec.first - 1);
-    if (closing > 0)
-        closeSplitCorrelation(p.out + static_cast<int64_t>(sec.first - 1) * n, store.subBeams[0],
-                              store.subBeams[1], store.subBeams[2],
-                              static_cast<int64_t>(closing) * n);
+    const int32_t end = setup.section == kSplitSections - 1 ? sec.last : sec.last - 1;
+    for (int32_t r = 0; r < end - (sec.first - 1); ++r) {
+        const int64_t row = static_cast<int64_t>(r) * w;
+        closeSplitCorrelation(p.out + static_cast<int64_t>(sec.first - 1 + r) * n + t0,
+                              store.subBeams[0] + row, store.subBeams[1] + row,
+                              store.subBeams[2] + row, w);
+    }
 }
 
 // The per-call tables of the fan: sin(angle) per beam and the phase and
@@ -261,22 +292,19 @@ void prepare(SectionPlan* p, FanTables* f, const cfloat* channelBlock, int32_t n
     splitSections(p->sections, B);
 }
 
+inline int32_t blockCountOf(int32_t n) { return (n + kSplitBlockSamples - 1) / kSplitBlockSamples; }
+
 }  // namespace
 
-SplitThreadStore splitThreadStore(const SplitScratch* scratch, int32_t thread,
-                                  int32_t sampleCount) {
-    // Thread 0 aligns into alignedChannels; threads 1 and 2 into
-    // correlationSum, which the correlator does not otherwise need (the sum of
-    // the two products is formed per sample while closing).
-    const int64_t channelSet = static_cast<int64_t>(kElements) * 8000;
+SplitThreadStore splitThreadStore(const SplitScratch* scratch, int32_t thread) {
+    const int64_t aligned = static_cast<int64_t>(kElements) * kSplitBlockSamples;
+    const int64_t subBeams = static_cast<int64_t>(kMaxSectionBeams) * kSplitBlockSamples;
     SplitThreadStore store;
-    store.aligned = thread == 0 ? scratch->alignedChannels
-                                : scratch->correlationSum + (thread - 1) * channelSet;
-    store.scratchRow = scratch->alignScratch + static_cast<int64_t>(thread) * kScratchRow;
-    const int64_t block = static_cast<int64_t>(thread) * kMaxSectionBeams * sampleCount;
-    store.subBeams[0] = scratch->subBeamLow + block;
-    store.subBeams[1] = scratch->subBeamMid + block;
-    store.subBeams[2] = scratch->subBeamHigh + block;
+    store.aligned = scratch->alignedChannels + thread * aligned;
+    store.scratchRow = scratch->alignScratch + thread * (kSplitBlockSamples + 8);
+    store.subBeams[0] = scratch->subBeamLow + thread * subBeams;
+    store.subBeams[1] = scratch->subBeamMid + thread * subBeams;
+    store.subBeams[2] = scratch->subBeamHigh + thread * subBeams;
     return store;
 }
 
@@ -290,7 +318,17 @@ void correlateSubAperturesSectionedOnThread(const cfloat* channelBlock, int32_t 
     FanTables f;
     prepare(&p, &f, channelBlock, sampleCount, angleOffset, soundSpeed, beamAngles, beamCount,
             splitCorrelation);
-    for (int32_t s = 0; s < kSplitSections; ++s) runSection(p, s, *store);
+    SectionSetup setup;
+    const int32_t blocks = blockCountOf(sampleCount);
+    for (int32_t s = 0; s < kSplitSections; ++s) {
+        setUpSection(p, s, &setup);
+        for (int32_t k = 0; k < blocks; ++k) {
+            const int32_t t0 = k * kSplitBlockSamples;
+            const int32_t w = sampleCount - t0 < kSplitBlockSamples ? sampleCount - t0
+                                                                    : kSplitBlockSamples;
+            runSectionBlock(p, setup, t0, w, *store);
+        }
+    }
 }
 
 void correlateSubAperturesSectioned(const cfloat* channelBlock, int32_t sampleCount,
@@ -305,17 +343,29 @@ void correlateSubAperturesSectioned(const cfloat* channelBlock, int32_t sampleCo
     prepare(&p, &f, channelBlock, n, angleOffset, soundSpeed, beamAngles, beamCount,
             splitCorrelation);
 
-    // The team shares the 15 sections, each worked start to end by one thread
-    // on storage of its own, with the matrix library on one thread: one join
-    // per call, and every section's arithmetic the same whichever thread runs
-    // it. The library's setting comes back at the end.
+    // The team shares a fixed grid of work: each of the 15 sections cut into
+    // blocks of kSplitBlockSamples samples, section by section. Neighbouring
+    // blocks of a section mostly go to the same thread, which sets the
+    // section up once for them. Each block is the same arithmetic whichever
+    // thread runs it, on storage of that thread's own, with the matrix
+    // library on one thread: no result depends on the team's size. The
+    // library's setting comes back at the end.
+    const int32_t blocks = blockCountOf(n);
+    const int32_t items = kSplitSections * blocks;
     const int savedThreads = matrixThreads();
     setMatrixThreads(1);
 #pragma omp parallel num_threads(teamSize())
     {
-        const SplitThreadStore store = splitThreadStore(scratch, omp_get_thread_num(), n);
+        const SplitThreadStore store = splitThreadStore(scratch, omp_get_thread_num());
+        SectionSetup setup;
 #pragma omp for schedule(static)
-        for (int32_t s = 0; s < kSplitSections; ++s) runSection(p, s, store);
+        for (int32_t i = 0; i < items; ++i) {
+            const int32_t s = i / blocks;
+            const int32_t t0 = (i % blocks) * kSplitBlockSamples;
+            const int32_t w = n - t0 < kSplitBlockSamples ? n - t0 : kSplitBlockSamples;
+            if (setup.section != s) setUpSection(p, s, &setup);
+            runSectionBlock(p, setup, t0, w, store);
+        }
     }
     setMatrixThreads(savedThreads);
 }

@@ -30,10 +30,9 @@ void equaliseChannelGain(cfloat* filteredChannels, float* gainProfile, int32_t* 
 
 // Workspace storage of the split-aperture correlators, sized as the
 // workspace sizes it: subBeamLow, subBeamMid, subBeamHigh and correlationSum
-// 2,048,000 complex samples each (beamCount x sampleCount; the sectioned
-// correlator keeps the aligned channels of its second and third thread in
-// correlationSum), alignedChannels 64 x 8000, alignScratch kTeamCapacity rows
-// of 8000 + 8.
+// 2,048,000 complex samples each (beamCount x sampleCount), alignedChannels
+// 64 x 8000 + 8, alignScratch kTeamCapacity rows of 8000 + 8. The sectioned
+// correlator carves the per-thread blocks of splitThreadStore out of them.
 struct SplitScratch {
     cfloat* subBeamLow;
     cfloat* subBeamMid;
@@ -60,20 +59,25 @@ void correlateSubAperturesSectioned(const cfloat* channelBlock, int32_t sampleCo
                                     const float* beamAngles, int32_t beamCount,
                                     cfloat* splitCorrelation, const SplitScratch* scratch);
 
+// The sectioned correlator works a section in blocks of at most this many
+// samples, small enough that a block's aligned channels and sub-beams stay in
+// the cache of the thread that works it.
+constexpr int32_t kSplitBlockSamples = 512;
+
 // One thread's storage for the sectioned correlator: aligned (64 rows of
-// sampleCount), scratchRow (sampleCount + 8), and three sub-beam blocks of
-// 24 rows of sampleCount.
+// kSplitBlockSamples), scratchRow (kSplitBlockSamples + 8), and three
+// sub-beam blocks of 24 rows of kSplitBlockSamples.
 struct SplitThreadStore {
     cfloat* aligned;
     cfloat* scratchRow;
     cfloat* subBeams[3];
 };
-// The store of team thread `thread` (below kTeamCapacity) for blocks of up to
-// sampleCount samples, carved out of the workspace scratch.
-SplitThreadStore splitThreadStore(const SplitScratch* scratch, int32_t thread,
-                                  int32_t sampleCount);
+// The store of team thread `thread` (below kTeamCapacity), carved out of the
+// workspace scratch.
+SplitThreadStore splitThreadStore(const SplitScratch* scratch, int32_t thread);
 // The sectioned correlator on the calling thread alone (for a team that
-// shares whole blocks of samples), with the same results.
+// shares whole blocks of samples), with the same results. sampleCount up to
+// kSplitBlockSamples is one block per section.
 void correlateSubAperturesSectionedOnThread(const cfloat* channelBlock, int32_t sampleCount,
                                             float angleOffset, float soundSpeed,
                                             const float* beamAngles, int32_t beamCount,
