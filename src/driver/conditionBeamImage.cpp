@@ -83,54 +83,66 @@ void smoothBeamImage(float* beamEnvelope, float* beamImage, int32_t beamCount, i
     std::memcpy(beamImage, beamEnvelope, sizeof(float) * static_cast<std::size_t>(n) * B);
 }
 
-void conditionBeamImage(float* beamEnvelope, float* beamImage,
-                        const cfloat* formedBeamIq, int32_t beamCount, int32_t n,
-                        float clipRatio, bool smooth) {
+void conditionBeamColumns(float* beamEnvelope, float* beamImage, const cfloat* beams,
+                          int64_t beamStride, int32_t beamCount, int32_t n, float clipRatio,
+                          int32_t start, int32_t count) {
     // The clipping compares each sample of a beam with the maximum over the
     // beams of its half at the same sample. Rather than transposing the image
     // to sample-major rows and back, the maxima are taken across the rows of
     // the beam-major image, a tile of samples at a time: for every sample the
     // same comparisons in the same order (beam 0 up), so the same values, in
-    // one pass and without the sample-major buffer.
+    // one pass and without the sample-major buffer. Samples are independent
+    // of each other, so any split into blocks of samples gives the same image.
     const int32_t B = beamCount;
-    if (B < 1 || B > kMaxBeams || n < 1) return;
+    if (B < 1 || B > kMaxBeams || n < 1 || count < 1) return;
     const float r = clampRatio(clipRatio);
     const int32_t half = B / 2;
-    const int32_t tiles = (n + kTileSamples - 1) / kTileSamples;
-
-#pragma omp parallel for num_threads(teamSize()) schedule(static)
-    for (int32_t tile = 0; tile < tiles; ++tile) {
-        const int32_t start = tile * kTileSamples;
-        const int32_t len = n - start < kTileSamples ? n - start : kTileSamples;
+    for (int32_t offset = 0; offset < count; offset += kTileSamples) {
+        const int32_t start0 = start + offset;
+        const int32_t len = count - offset < kTileSamples ? count - offset : kTileSamples;
         for (int32_t b = 0; b < B; ++b) {
-            const float* src = reinterpret_cast<const float*>(formedBeamIq + static_cast<int64_t>(b) * n + start);
-            float* env = beamEnvelope + static_cast<int64_t>(b) * n + start;
+            const float* src = reinterpret_cast<const float*>(beams + b * beamStride + offset);
+            float* env = beamEnvelope + static_cast<int64_t>(b) * n + start0;
             for (int32_t t = 0; t < len; ++t)
                 env[t] = std::sqrt(src[2 * t] * src[2 * t] + src[2 * t + 1] * src[2 * t + 1]);
         }
         for (int32_t h = 0; h < 2 && half > 0; ++h) {
             const int32_t first = h * half;
             float level[kTileSamples];
-            const float* row0 = beamEnvelope + static_cast<int64_t>(first) * n + start;
+            const float* row0 = beamEnvelope + static_cast<int64_t>(first) * n + start0;
             for (int32_t t = 0; t < len; ++t) level[t] = row0[t];
             for (int32_t b = first + 1; b < first + half; ++b) {
-                const float* row = beamEnvelope + static_cast<int64_t>(b) * n + start;
+                const float* row = beamEnvelope + static_cast<int64_t>(b) * n + start0;
                 for (int32_t t = 0; t < len; ++t) level[t] = row[t] > level[t] ? row[t] : level[t];
             }
             // The replacement is the absolute value 1.0, not a fraction of the
             // maximum; an all-zero half has level 0 and stays zero.
             for (int32_t t = 0; t < len; ++t) level[t] = r * level[t];
             for (int32_t b = first; b < first + half; ++b) {
-                float* row = beamEnvelope + static_cast<int64_t>(b) * n + start;
+                float* row = beamEnvelope + static_cast<int64_t>(b) * n + start0;
                 for (int32_t t = 0; t < len; ++t) row[t] = row[t] < level[t] ? 1.0f : row[t];
             }
         }
         for (int32_t b = 0; b < B; ++b)
-            std::memcpy(beamImage + static_cast<int64_t>(b) * n + start,
-                        beamEnvelope + static_cast<int64_t>(b) * n + start,
+            std::memcpy(beamImage + static_cast<int64_t>(b) * n + start0,
+                        beamEnvelope + static_cast<int64_t>(b) * n + start0,
                         sizeof(float) * static_cast<std::size_t>(len));
     }
+}
 
+void conditionBeamImage(float* beamEnvelope, float* beamImage,
+                        const cfloat* formedBeamIq, int32_t beamCount, int32_t n,
+                        float clipRatio, bool smooth) {
+    const int32_t B = beamCount;
+    if (B < 1 || B > kMaxBeams || n < 1) return;
+    const int32_t tiles = (n + kTileSamples - 1) / kTileSamples;
+#pragma omp parallel for num_threads(teamSize()) schedule(static)
+    for (int32_t tile = 0; tile < tiles; ++tile) {
+        const int32_t start = tile * kTileSamples;
+        const int32_t len = n - start < kTileSamples ? n - start : kTileSamples;
+        conditionBeamColumns(beamEnvelope, beamImage, formedBeamIq + start, n, B, n, clipRatio,
+                             start, len);
+    }
     if (smooth) smoothBeamImage(beamEnvelope, beamImage, B, n);
 }
 

@@ -79,14 +79,20 @@ struct BeamformingIo {
     SplitScratch split;
     float* lastRollAngle;           // retained
     float* lastRollTime;            // retained
+    // The amplitude image (B rows of n each), when given: each block of
+    // beams is turned into its columns as soon as it is formed, while it is
+    // still in the cache (conditionBeamColumns with params->clipRatio).
+    float* beamEnvelope = nullptr;
+    float* beamImage = nullptr;
 };
 
-// Forms formedBeamIq and splitBeamIq: once for the ping when rollCount is 1,
-// else per 200-sample segment steered by the interpolated roll (rollCount
-// outside -100..100 is written back as 1). Writes segmentRoll on the segmented
-// path. Returns angleOffset, the roll the tracker sees. n: 0..8000. The
-// matrix library runs single-threaded inside the step's thread team; its
-// thread count is restored on return.
+// Forms formedBeamIq and splitBeamIq (and the unsmoothed amplitude image,
+// when io asks for it): once for the ping when rollCount is 1, else per
+// 200-sample segment steered by the interpolated roll (rollCount outside
+// -100..100 is written back as 1). Writes segmentRoll on the segmented path.
+// Returns angleOffset, the roll the tracker sees. n: 0..8000. The matrix
+// library runs single-threaded inside the step's thread team; its thread
+// count is restored on return.
 float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngles,
                 const double* beamAnglesDouble, int32_t n, const BeamformingIo* io);
 
@@ -102,6 +108,12 @@ void interpolateRoll(float* segmentRollLocal, int32_t segmentCount, const float*
 void conditionBeamImage(float* beamEnvelope, float* beamImage,
                         const cfloat* formedBeamIq, int32_t beamCount, int32_t n,
                         float clipRatio, bool smooth);
+// The same for samples start to start + count - 1 alone (beamEnvelope and
+// beamImage: B rows of n), from beams: B rows of beamStride complex samples
+// whose first entry is sample start. No smoothing.
+void conditionBeamColumns(float* beamEnvelope, float* beamImage, const cfloat* beams,
+                          int64_t beamStride, int32_t beamCount, int32_t n, float clipRatio,
+                          int32_t start, int32_t count);
 
 // Half-fan clipping of rowCount sample rows of beamCount amplitudes each
 // (sample-major): in each row, the values of a half of the fan below

@@ -155,11 +155,16 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
     // The narrow-band correlator (correlateSubAperturesNarrowBand) is not run on
     // either path: the sectioned correlator follows it on the same output block
     // and replaces every sample it would write, so no result depends on it.
+    const bool image = io->beamEnvelope != nullptr && io->beamImage != nullptr;
+    const float clipRatio = params->clipRatio;
     if (params->rollCount == 1) {
         if (n >= 1) {
             // Steering rows, then the beam sums over the product's fixed grid
-            // of blocks.
+            // of blocks. Blocks of columns are turned into the image right
+            // away; with blocks of rows (short pings) the image follows.
             const int32_t blocks = productBlockCount(B, n);
+            const bool byColumns = n >= 2 * kProductColumns;
+            const int32_t tiles = (n + kProductColumns - 1) / kProductColumns;
 #pragma omp parallel num_threads(teamSize())
             {
 #pragma omp for schedule(static)
@@ -167,9 +172,27 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
                     steeringRow(io->steerMatrix + static_cast<int64_t>(b) * kChannels,
                                 beamAnglesDouble[b], 0.0, phaseScale);
 #pragma omp for schedule(static)
-                for (int32_t k = 0; k < blocks; ++k)
+                for (int32_t k = 0; k < blocks; ++k) {
                     productBlock(k, B, n, kChannels, io->steerMatrix, kChannels,
                                  io->filteredChannels, n, io->formedBeamIq, n);
+                    if (image && byColumns) {
+                        const int32_t col0 = k * kProductColumns;
+                        const int32_t cols = n - col0 < kProductColumns ? n - col0 : kProductColumns;
+                        conditionBeamColumns(io->beamEnvelope, io->beamImage,
+                                             io->formedBeamIq + col0, n, B, n, clipRatio, col0,
+                                             cols);
+                    }
+                }
+                if (image && !byColumns) {
+#pragma omp for schedule(static)
+                    for (int32_t k = 0; k < tiles; ++k) {
+                        const int32_t col0 = k * kProductColumns;
+                        const int32_t cols = n - col0 < kProductColumns ? n - col0 : kProductColumns;
+                        conditionBeamColumns(io->beamEnvelope, io->beamImage,
+                                             io->formedBeamIq + col0, n, B, n, clipRatio, col0,
+                                             cols);
+                    }
+                }
             }
             correlateSubAperturesSectioned(io->rawChannels, n, kChannels, 0.0f, soundSpeed,
                                            beamAngles, B, io->splitBeamIq, &io->split);
@@ -227,6 +250,9 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
             const float zero[2] = {0.0f, 0.0f};
             cblas_cgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, B, len, kChannels, one,
                         steer, kChannels, segFiltered, len, zero, segBeam, len);
+            if (image)
+                conditionBeamColumns(io->beamEnvelope, io->beamImage, segBeam, len, B, n,
+                                     clipRatio, start, len);
             correlateSubAperturesSectionedOnThread(segChannel, len, segmentRollLocal[s],
                                                    soundSpeed, beamAngles, B, segSplit, &store);
             for (int32_t b = 0; b < B; ++b) {

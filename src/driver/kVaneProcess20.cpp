@@ -119,12 +119,11 @@ bool processPing(KVaneParams* params, KVaneInput* input, KVaneResult* result) {
     BeamformingIo io{ws.filteredChannels, ws.rawChannels, ws.formedBeamIq, ws.splitBeamIq,
                      ws.steerMatrix,      ws.segFilteredIq, ws.segChannelIq, ws.segBeamIq,
                      ws.segSplitIq,       ws.split,       &retained.lastRollAngle,
-                     &retained.lastRollTime};
+                     &retained.lastRollTime, ws.beamEnvelope, result->beamImage};
     const float angleOffset = formBeams(params, result, beamAngles, beamAnglesDouble, n, &io);
 
-    // 8. Amplitude image.
-    conditionBeamImage(ws.beamEnvelope, result->beamImage,
-                       ws.formedBeamIq, B, n, params->clipRatio, params->gainSwitch != 0.0f);
+    // 8. Amplitude image: formed with the beams; smoothed here when asked.
+    if (params->gainSwitch != 0.0f) smoothBeamImage(ws.beamEnvelope, result->beamImage, B, n);
 
     // 9. Candidates.
     for (int32_t i = 0; i < 6 * B; ++i) {
