@@ -62,7 +62,7 @@ constexpr int32_t kMaxSectionBeams = 24;
 // row's end. Zeros at both places make each channel's result depend on its
 // own samples only (not on the thread count or on the previous channel), and
 // every output sample the same whichever block of samples it is formed in.
-// q is scratch of w + 4 samples: q[4 + i] is the filter's input sample t0 + i.
+// q is scratch of w + 4 samples: q[i] is the filter's input sample t0 - 4 + i.
 void alignChannel(cfloat* aligned, const cfloat* x, int32_t n, int32_t shift, const float* h,
                   int32_t t0, int32_t w, cfloat* q) {
     // A shift beyond the row leaves nothing of it (and a shift from a
@@ -76,9 +76,14 @@ void alignChannel(cfloat* aligned, const cfloat* x, int32_t n, int32_t shift, co
     int32_t hi = n - 2;
     if (n - 2 - shift < hi) hi = n - 2 - shift;
     // The part of [lo, hi) this block reads: inputs t0 - 4 to t0 + w - 1.
+    // Inside the row the filter reads the channel where it lies; only a
+    // block that reaches an end of the row goes through the zero-padded copy.
     const int32_t from = lo > t0 - 4 ? lo : t0 - 4;
     const int32_t to = hi < t0 + w ? hi : t0 + w;
-    if (to > from) {
+    const float* qf = reinterpret_cast<const float*>(q);
+    if (from == t0 - 4 && to == t0 + w) {
+        qf = reinterpret_cast<const float*>(x + (t0 - 4) + 2 + shift);
+    } else if (to > from) {
         std::memset(q, 0, sizeof(cfloat) * static_cast<std::size_t>(from - (t0 - 4)));
         std::memcpy(q + (from - (t0 - 4)), x + from + 2 + shift,
                     sizeof(cfloat) * static_cast<std::size_t>(to - from));
@@ -89,7 +94,6 @@ void alignChannel(cfloat* aligned, const cfloat* x, int32_t n, int32_t shift, co
 
     // z[t] = sum over j of h[j] * input[t - j], on the interleaved floats.
     const float h0 = h[0], h1 = h[1], h2 = h[2], h3 = h[3], h4 = h[4];
-    const float* qf = reinterpret_cast<const float*>(q);
     float* zf = reinterpret_cast<float*>(aligned);
     const int32_t m = 2 * w;
     for (int32_t u = 0; u < m; ++u)
