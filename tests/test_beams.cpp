@@ -49,6 +49,7 @@ struct Rig {
     int32_t n;
     std::vector<cfloat> filtered, raw, formed, split, steer, segFiltered, segChannel, segBeam,
         segSplit, low, mid, high, sum, aligned, alignScratch;
+    std::vector<kvane::SplitSectionSetup> setups = std::vector<kvane::SplitSectionSetup>(kvane::kSplitSections);
     float lastRollAngle = 0.0f, lastRollTime = 0.0f;
     std::unique_ptr<KVaneParams> params = std::make_unique<KVaneParams>();
     std::unique_ptr<KVaneResult> result = std::make_unique<KVaneResult>();
@@ -68,7 +69,7 @@ struct Rig {
         kvane::finishBeamFan(angles.data(), anglesDouble.data(), copies.data(), sector, sector, 1, B, &sig);
     }
     kvane::SplitScratch scratch() {
-        return {low.data(), mid.data(), high.data(), sum.data(), aligned.data(), alignScratch.data()};
+        return {low.data(), mid.data(), high.data(), sum.data(), aligned.data(), alignScratch.data(), setups.data()};
     }
     float form(const std::vector<cfloat>& x) {
         filtered = raw = x;

@@ -68,6 +68,7 @@ void buildWorkspace() {
     ws.split.correlationSum = alloc<cfloat>(kBeamSet);
     ws.split.alignedChannels = alloc<cfloat>(kChannelSet + 8);
     ws.split.alignScratch = alloc<cfloat>(kTeamCapacity * (kLine + 8));
+    ws.split.sectionSetups = alloc<SplitSectionSetup>(kSplitSections);
 
     // One set of detector lines per thread of the team: beams run in parallel.
     constexpr std::size_t kDetectLines = kTeamCapacity * static_cast<std::size_t>(kDetectLineLength);
@@ -103,6 +104,7 @@ void buildWorkspace() {
                    ws.splitBeamIq, ws.beamEnvelope, ws.steerMatrix,
                    ws.split.subBeamLow, ws.split.subBeamMid, ws.split.subBeamHigh,
                    ws.split.correlationSum, ws.split.alignedChannels, ws.split.alignScratch,
+                   ws.split.sectionSetups,
                    ws.detect.envelopeWork, ws.detect.iqWork, ws.detect.gateIq, ws.detect.gateI,
                    ws.detect.gateQ, ws.detect.gatePhase, ws.detect.scratchA, ws.detect.scratchB,
                    retained.grid.x, retained.grid.y, retained.grid.range, retained.grid.beam,
@@ -135,6 +137,7 @@ void releaseWorkspace() {
     release(ws.split.correlationSum);
     release(ws.split.alignedChannels);
     release(ws.split.alignScratch);
+    release(ws.split.sectionSetups);
     release(ws.detect.envelopeWork);
     release(ws.detect.iqWork);
     release(ws.detect.gateIq);

@@ -49,9 +49,6 @@ constexpr float kPhaseConstant = -4712.389f;
 // samples, over the sound speed, times sin(angle).
 constexpr float kDelayConstant = -75.0f;
 
-// A section holds at most 19 beams for a fan of up to 256 beams.
-constexpr int32_t kMaxSectionBeams = 24;
-
 // Samples [t0, t0 + w) of channel ch of the block, aligned for a beam whose
 // delay at this channel is shift + fraction samples: advanced by the whole
 // shift, then delayed by -fraction through the 5-tap filter centred on tap 2.
@@ -173,16 +170,6 @@ struct SectionPlan {
     cfloat* out;
 };
 
-// What a section's blocks of samples share: the alignment of each channel
-// for the section's centre beam, and the sub-aperture weights of its beams.
-struct SectionSetup {
-    int32_t section = -1;
-    int32_t beams = 0;
-    int32_t shift[kElements];
-    float taps[kElements][5];
-    cfloat weights[3][32 * kMaxSectionBeams];
-};
-
 // Section s:
 // 1. each channel's alignment for the centre beam: whole shift floor(delay +
 //    0.5), the fraction in -0.5..0.5 taken by the filter as a delay of
@@ -191,7 +178,7 @@ struct SectionSetup {
 //    rows of its beams, transposed), weighted by the taper of each of the
 //    three sub-apertures. The steering phase uses the absolute element
 //    index, so all three sub-apertures refer to element 0.
-void setUpSection(const SectionPlan& p, int32_t s, SectionSetup* setup) {
+void setUpSection(const SectionPlan& p, int32_t s, SplitSectionSetup* setup) {
     const SplitSection& sec = p.sections[s];
     int32_t beams = sec.last - sec.first + 1;
     if (beams > kMaxSectionBeams) beams = kMaxSectionBeams;
@@ -238,7 +225,7 @@ void setUpSection(const SectionPlan& p, int32_t s, SectionSetup* setup) {
 //    the next section's (the last section closes all of its beams).
 // A block fits the thread's cache, so its aligned channels and sub-beams are
 // read back from there.
-void runSectionBlock(const SectionPlan& p, const SectionSetup& setup, int32_t t0, int32_t w,
+void runSectionBlock(const SectionPlan& p, const SplitSectionSetup& setup, int32_t t0, int32_t w,
                      const SplitThreadStore& store) {
     const SplitSection& sec = p.sections[setup.section];
     const int32_t n = p.n;
@@ -322,7 +309,7 @@ void correlateSubAperturesSectionedOnThread(const cfloat* channelBlock, int32_t 
     FanTables f;
     prepare(&p, &f, channelBlock, sampleCount, angleOffset, soundSpeed, beamAngles, beamCount,
             splitCorrelation);
-    SectionSetup setup;
+    SplitSectionSetup setup;
     const int32_t blocks = blockCountOf(sampleCount);
     for (int32_t s = 0; s < kSplitSections; ++s) {
         setUpSection(p, s, &setup);
@@ -347,28 +334,29 @@ void correlateSubAperturesSectioned(const cfloat* channelBlock, int32_t sampleCo
     prepare(&p, &f, channelBlock, n, angleOffset, soundSpeed, beamAngles, beamCount,
             splitCorrelation);
 
-    // The team shares a fixed grid of work: each of the 15 sections cut into
-    // blocks of kSplitBlockSamples samples, section by section. Neighbouring
-    // blocks of a section mostly go to the same thread, which sets the
-    // section up once for them. Each block is the same arithmetic whichever
-    // thread runs it, on storage of that thread's own, with the matrix
-    // library on one thread: no result depends on the team's size. The
-    // library's setting comes back at the end.
+    // The team sets up the 15 sections, then shares a fixed grid of work:
+    // the ping cut into blocks of kSplitBlockSamples samples, each block
+    // worked for all 15 sections in turn while its channels stay in the
+    // thread's cache. Each block is the same arithmetic whichever thread runs
+    // it, on storage of that thread's own, with the matrix library on one
+    // thread: no result depends on the team's size. The library's setting
+    // comes back at the end.
     const int32_t blocks = blockCountOf(n);
     const int32_t items = kSplitSections * blocks;
+    SplitSectionSetup* setups = scratch->sectionSetups;
     const int savedThreads = matrixThreads();
     setMatrixThreads(1);
 #pragma omp parallel num_threads(teamSize())
     {
         const SplitThreadStore store = splitThreadStore(scratch, omp_get_thread_num());
-        SectionSetup setup;
+#pragma omp for schedule(static)
+        for (int32_t s = 0; s < kSplitSections; ++s) setUpSection(p, s, setups + s);
 #pragma omp for schedule(static)
         for (int32_t i = 0; i < items; ++i) {
-            const int32_t s = i / blocks;
-            const int32_t t0 = (i % blocks) * kSplitBlockSamples;
+            const int32_t s = i % kSplitSections;
+            const int32_t t0 = (i / kSplitSections) * kSplitBlockSamples;
             const int32_t w = n - t0 < kSplitBlockSamples ? n - t0 : kSplitBlockSamples;
-            if (setup.section != s) setUpSection(p, s, &setup);
-            runSectionBlock(p, setup, t0, w, store);
+            runSectionBlock(p, setups[s], t0, w, store);
         }
     }
     setMatrixThreads(savedThreads);

@@ -28,11 +28,29 @@ int32_t pickFirstEchoRise(const float* mask, const float* trace, int32_t sampleC
 void equaliseChannelGain(cfloat* filteredChannels, float* gainProfile, int32_t* gainOnsetSample,
                          int32_t sampleCount);
 
+// A section of the sectioned correlator holds at most 19 beams for a fan of
+// up to 256 beams.
+constexpr int32_t kMaxSectionBeams = 24;
+constexpr int32_t kSplitSections = 15;
+
+// What every block of samples of one section of the sectioned correlator
+// shares: the alignment of each channel for the section's centre beam (whole
+// shift and the taps of the fractional delay) and the sub-aperture weights
+// of its beams (three matrices of 32 elements by `beams`).
+struct SplitSectionSetup {
+    int32_t section;
+    int32_t beams;
+    int32_t shift[64];
+    float taps[64][5];
+    cfloat weights[3][32 * kMaxSectionBeams];
+};
+
 // Workspace storage of the split-aperture correlators, sized as the
 // workspace sizes it: subBeamLow, subBeamMid, subBeamHigh and correlationSum
 // 2,048,000 complex samples each (beamCount x sampleCount), alignedChannels
-// 64 x 8000 + 8, alignScratch kTeamCapacity rows of 8000 + 8. The sectioned
-// correlator carves the per-thread blocks of splitThreadStore out of them.
+// 64 x 8000 + 8, alignScratch kTeamCapacity rows of 8000 + 8, sectionSetups
+// kSplitSections. The sectioned correlator carves the per-thread blocks of
+// splitThreadStore out of them.
 struct SplitScratch {
     cfloat* subBeamLow;
     cfloat* subBeamMid;
@@ -40,6 +58,7 @@ struct SplitScratch {
     cfloat* correlationSum;
     cfloat* alignedChannels;
     cfloat* alignScratch;
+    SplitSectionSetup* sectionSetups;
 };
 
 // Conjugate products of neighbouring 32-element sub-aperture beams, with
@@ -59,10 +78,10 @@ void correlateSubAperturesSectioned(const cfloat* channelBlock, int32_t sampleCo
                                     const float* beamAngles, int32_t beamCount,
                                     cfloat* splitCorrelation, const SplitScratch* scratch);
 
-// The sectioned correlator works a section in blocks of at most this many
-// samples, small enough that a block's aligned channels and sub-beams stay in
-// the cache of the thread that works it.
-constexpr int32_t kSplitBlockSamples = 512;
+// The sectioned correlator works in blocks of at most this many samples,
+// small enough that a block of the channels, its aligned copy and its
+// sub-beams stay in the cache of the thread that works it.
+constexpr int32_t kSplitBlockSamples = 256;
 
 // One thread's storage for the sectioned correlator: aligned (64 rows of
 // kSplitBlockSamples), scratchRow (kSplitBlockSamples + 8), and three
@@ -91,7 +110,6 @@ struct SplitSection {
     int32_t last;
     int32_t centreBeam;
 };
-constexpr int32_t kSplitSections = 15;
 // The 15 sections of a fan of beamCount beams (1..256).
 void splitSections(SplitSection* sections, int32_t beamCount);
 
