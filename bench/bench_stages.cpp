@@ -89,8 +89,7 @@ void primeWorkspace() {
 
 BeamformingIo beamformingIo() {
     return BeamformingIo{ws.filteredChannels, ws.rawChannels, ws.formedBeamIq, ws.splitBeamIq,
-                         ws.steerMatrix,      ws.segFilteredIq, ws.segChannelIq, ws.segBeamIq,
-                         ws.segSplitIq,       ws.split,       &retained.lastRollAngle,
+                         ws.steerMatrix,      ws.split,       &retained.lastRollAngle,
                          &retained.lastRollTime};
 }
 

@@ -47,8 +47,8 @@ void expectClose(cfloat a, cfloat b, double tol) {
 // The beamforming step's buffers for n samples and an equal-angle fan.
 struct Rig {
     int32_t n;
-    std::vector<cfloat> filtered, raw, formed, split, steer, segFiltered, segChannel, segBeam,
-        segSplit, low, mid, high, sum, aligned, alignScratch;
+    std::vector<cfloat> filtered, raw, formed, split, steer, low, mid, high, sum, aligned,
+        alignScratch;
     std::vector<kvane::SplitSectionSetup> setups = std::vector<kvane::SplitSectionSetup>(kvane::kSplitSections);
     float lastRollAngle = 0.0f, lastRollTime = 0.0f;
     std::unique_ptr<KVaneParams> params = std::make_unique<KVaneParams>();
@@ -57,8 +57,8 @@ struct Rig {
     std::vector<double> anglesDouble = std::vector<double>(256);
 
     Rig(int32_t samples, int32_t B, float sector) : n(samples) {
-        for (auto* v : {&filtered, &raw, &segFiltered, &segChannel}) v->resize(64 * n);
-        for (auto* v : {&formed, &split, &segBeam, &segSplit}) v->resize(256 * n);
+        for (auto* v : {&filtered, &raw}) v->resize(64 * n);
+        for (auto* v : {&formed, &split}) v->resize(256 * n);
         for (auto* v : {&low, &mid, &high, &sum}) v->resize(2048000);
         aligned.resize(64 * 8000), steer.resize(256 * 64), alignScratch.resize(3 * 8008);
         params->soundSpeed = 1500.0f;
@@ -74,8 +74,7 @@ struct Rig {
     float form(const std::vector<cfloat>& x) {
         filtered = raw = x;
         kvane::BeamformingIo io{filtered.data(), raw.data(), formed.data(), split.data(),
-                                steer.data(), segFiltered.data(), segChannel.data(), segBeam.data(),
-                                segSplit.data(), scratch(), &lastRollAngle, &lastRollTime};
+                                steer.data(), scratch(), &lastRollAngle, &lastRollTime};
         return kvane::formBeams(params.get(), result.get(), angles.data(), anglesDouble.data(), n, &io);
     }
     cfloat formedAt(int32_t b, int32_t t) const { return formed[std::size_t(b) * n + t]; }

@@ -72,10 +72,6 @@ struct BeamformingIo {
     cfloat* formedBeamIq;           // B rows of n
     cfloat* splitBeamIq;            // B rows of n
     cfloat* steerMatrix;            // B x 64
-    cfloat* segFilteredIq;          // segment blocks
-    cfloat* segChannelIq;
-    cfloat* segBeamIq;
-    cfloat* segSplitIq;
     SplitScratch split;
     float* lastRollAngle;           // retained
     float* lastRollTime;            // retained

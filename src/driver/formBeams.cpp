@@ -215,11 +215,11 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
     std::memcpy(result->segmentRoll, segmentRollLocal, sizeof segmentRollLocal);
 
     // The team shares whole segments. A thread takes a segment from start to
-    // end: gathers its channels, steers the fan by the segment's roll, forms
-    // its beams and split-aperture products, and scatters both into the
-    // ping's rows. Segments own disjoint blocks and columns, and each
-    // thread steers into a matrix of its own (so steerMatrix is not used
-    // on this path).
+    // end: steers the fan by the segment's roll, and forms its beams, their
+    // image and its split-aperture products, reading the segment's columns of
+    // the channels and writing its columns of the ping's rows in place.
+    // Segments own disjoint columns, and each thread steers into a matrix of
+    // its own (so steerMatrix is not used on this path).
 #pragma omp parallel num_threads(teamSize())
     {
         const SplitThreadStore store = splitThreadStore(&io->split, omp_get_thread_num());
@@ -229,19 +229,6 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
         for (int32_t s = 0; s < segments; ++s) {
             const int32_t start = s * kSegmentLength;
             const int32_t len = n - start < kSegmentLength ? n - start : kSegmentLength;
-            cfloat* segFiltered = io->segFilteredIq + static_cast<int64_t>(s) * kChannels * 200;
-            cfloat* segChannel = io->segChannelIq + static_cast<int64_t>(s) * kChannels * 200;
-            cfloat* segBeam = io->segBeamIq + static_cast<int64_t>(s) * 200 * B;
-            cfloat* segSplit = io->segSplitIq + static_cast<int64_t>(s) * 200 * B;
-            const std::size_t rowBytes = sizeof(cfloat) * static_cast<std::size_t>(len);
-
-            for (int32_t c = 0; c < kChannels; ++c) {
-                const int64_t from = static_cast<int64_t>(c) * n + start;
-                std::memcpy(segFiltered + static_cast<int64_t>(c) * len,
-                            io->filteredChannels + from, rowBytes);
-                std::memcpy(segChannel + static_cast<int64_t>(c) * len, io->rawChannels + from,
-                            rowBytes);
-            }
             const double roll = static_cast<double>(segmentRollLocal[s]);
             for (int32_t b = 0; b < B; ++b)
                 steeringRow(steer + static_cast<int64_t>(b) * kChannels,
@@ -249,19 +236,14 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
             const float one[2] = {1.0f, 0.0f};
             const float zero[2] = {0.0f, 0.0f};
             cblas_cgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, B, len, kChannels, one,
-                        steer, kChannels, segFiltered, len, zero, segBeam, len);
+                        steer, kChannels, io->filteredChannels + start, n, zero,
+                        io->formedBeamIq + start, n);
             if (image)
-                conditionBeamColumns(io->beamEnvelope, io->beamImage, segBeam, len, B, n,
-                                     clipRatio, start, len);
-            correlateSubAperturesSectionedOnThread(segChannel, len, segmentRollLocal[s],
-                                                   soundSpeed, beamAngles, B, segSplit, &store);
-            for (int32_t b = 0; b < B; ++b) {
-                const int64_t to = static_cast<int64_t>(b) * n + start;
-                std::memcpy(io->formedBeamIq + to, segBeam + static_cast<int64_t>(b) * len,
-                            rowBytes);
-                std::memcpy(io->splitBeamIq + to, segSplit + static_cast<int64_t>(b) * len,
-                            rowBytes);
-            }
+                conditionBeamColumns(io->beamEnvelope, io->beamImage, io->formedBeamIq + start, n,
+                                     B, n, clipRatio, start, len);
+            correlateSubAperturesSectionedOnThread(io->rawChannels + start, len, n,
+                                                   segmentRollLocal[s], soundSpeed, beamAngles, B,
+                                                   io->splitBeamIq + start, n, &store);
         }
     }
     setMatrixThreads(savedThreads);

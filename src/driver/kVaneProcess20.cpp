@@ -116,10 +116,10 @@ bool processPing(KVaneParams* params, KVaneInput* input, KVaneResult* result) {
                       params->sectorStarboard, params->beamSpacing, B, &retained.geometrySignature);
 
     // 7. Beams and split-aperture products.
-    BeamformingIo io{ws.filteredChannels, ws.rawChannels, ws.formedBeamIq, ws.splitBeamIq,
-                     ws.steerMatrix,      ws.segFilteredIq, ws.segChannelIq, ws.segBeamIq,
-                     ws.segSplitIq,       ws.split,       &retained.lastRollAngle,
-                     &retained.lastRollTime, ws.beamEnvelope, result->beamImage};
+    BeamformingIo io{ws.filteredChannels, ws.rawChannels,           ws.formedBeamIq,
+                     ws.splitBeamIq,      ws.steerMatrix,           ws.split,
+                     &retained.lastRollAngle, &retained.lastRollTime, ws.beamEnvelope,
+                     result->beamImage};
     const float angleOffset = formBeams(params, result, beamAngles, beamAnglesDouble, n, &io);
 
     // 8. Amplitude image: formed with the beams; smoothed here when asked.

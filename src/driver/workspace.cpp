@@ -53,10 +53,6 @@ void buildWorkspace() {
     ws.gainReal = alloc<float>(kLine);
     // The per-sample fixed gain has no source in the kernel: ones make it neutral.
     for (std::size_t i = 0; i < kLine; ++i) ws.gainReal[i] = 1.0f;
-    ws.segFilteredIq = alloc<cfloat>(kChannelSet);
-    ws.segChannelIq = alloc<cfloat>(kChannelSet);
-    ws.segBeamIq = alloc<cfloat>(kBeamSet);
-    ws.segSplitIq = alloc<cfloat>(kBeamSet);
     ws.formedBeamIq = alloc<cfloat>(kBeamSet);
     ws.splitBeamIq = alloc<cfloat>(kBeamSet);
     ws.beamEnvelope = alloc<float>(kBeamSet);
@@ -99,8 +95,7 @@ void buildWorkspace() {
     // Every buffer must exist before a ping may run; a failed allocation
     // leaves the workspace unbuilt and pings are skipped.
     void* all[] = {ws.channelI, ws.channelQ, ws.rawChannels, ws.filteredChannels,
-                   ws.channelEnvelope, ws.magnitudeBySample, ws.gainReal, ws.segFilteredIq,
-                   ws.segChannelIq, ws.segBeamIq, ws.segSplitIq, ws.formedBeamIq,
+                   ws.channelEnvelope, ws.magnitudeBySample, ws.gainReal, ws.formedBeamIq,
                    ws.splitBeamIq, ws.beamEnvelope, ws.steerMatrix,
                    ws.split.subBeamLow, ws.split.subBeamMid, ws.split.subBeamHigh,
                    ws.split.correlationSum, ws.split.alignedChannels, ws.split.alignScratch,
@@ -123,10 +118,6 @@ void releaseWorkspace() {
     release(ws.channelEnvelope);
     release(ws.magnitudeBySample);
     release(ws.gainReal);
-    release(ws.segFilteredIq);
-    release(ws.segChannelIq);
-    release(ws.segBeamIq);
-    release(ws.segSplitIq);
     release(ws.formedBeamIq);
     release(ws.splitBeamIq);
     release(ws.beamEnvelope);

@@ -25,10 +25,6 @@ struct KVaneWorkspace {
     float* channelEnvelope;      // 512,000: |rawChannels|, channel-major
     float* magnitudeBySample;    // 512,000: sample-major, width 64
     float* gainReal;             // 8,000: per-sample fixed gain, ones at allocation
-    cfloat* segFilteredIq;       // 512,000: segment blocks of filteredChannels
-    cfloat* segChannelIq;        // 512,000: segment blocks of rawChannels
-    cfloat* segBeamIq;           // 2,048,000: beam blocks per segment
-    cfloat* segSplitIq;          // 2,048,000
     cfloat* formedBeamIq;        // 2,048,000: beams, beam-major
     cfloat* splitBeamIq;         // 2,048,000: split-aperture products, beam-major
     float* beamEnvelope;         // 2,048,000: |formedBeamIq| after clipping

@@ -163,6 +163,8 @@ constexpr int32_t kElements = 64;
 struct SectionPlan {
     const cfloat* channels;
     int32_t n;
+    int64_t channelStride;  // between channel rows
+    int64_t outStride;      // between output rows
     const float* sinAngle;
     const float* phaseRow;
     const float* delayRow;
@@ -232,7 +234,7 @@ void runSectionBlock(const SectionPlan& p, const SplitSectionSetup& setup, int32
     const int32_t beams = setup.beams;
     for (int32_t ch = 0; ch < kElements; ++ch)
         alignChannel(store.aligned + static_cast<int64_t>(ch) * w,
-                     p.channels + static_cast<int64_t>(ch) * n, n, setup.shift[ch],
+                     p.channels + ch * p.channelStride, n, setup.shift[ch],
                      setup.taps[ch], t0, w, store.scratchRow);
 
     const float one[2] = {1.0f, 0.0f};
@@ -245,7 +247,7 @@ void runSectionBlock(const SectionPlan& p, const SplitSectionSetup& setup, int32
     const int32_t end = setup.section == kSplitSections - 1 ? sec.last : sec.last - 1;
     for (int32_t r = 0; r < end - (sec.first - 1); ++r) {
         const int64_t row = static_cast<int64_t>(r) * w;
-        closeSplitCorrelation(p.out + static_cast<int64_t>(sec.first - 1 + r) * n + t0,
+        closeSplitCorrelation(p.out + (sec.first - 1 + r) * p.outStride + t0,
                               store.subBeams[0] + row, store.subBeams[1] + row,
                               store.subBeams[2] + row, w);
     }
@@ -276,6 +278,8 @@ void prepare(SectionPlan* p, FanTables* f, const cfloat* channelBlock, int32_t n
     }
     p->channels = channelBlock;
     p->n = n;
+    p->channelStride = n;
+    p->outStride = n;
     p->sinAngle = f->sinAngle;
     p->phaseRow = f->phaseRow;
     p->delayRow = f->delayRow;
@@ -300,15 +304,17 @@ SplitThreadStore splitThreadStore(const SplitScratch* scratch, int32_t thread) {
 }
 
 void correlateSubAperturesSectionedOnThread(const cfloat* channelBlock, int32_t sampleCount,
-                                            float angleOffset, float soundSpeed,
-                                            const float* beamAngles, int32_t beamCount,
-                                            cfloat* splitCorrelation,
-                                            const SplitThreadStore* store) {
+                                            int64_t channelStride, float angleOffset,
+                                            float soundSpeed, const float* beamAngles,
+                                            int32_t beamCount, cfloat* splitCorrelation,
+                                            int64_t outStride, const SplitThreadStore* store) {
     if (sampleCount < 1 || beamCount < 1 || beamCount > 256 || sampleCount > 8000) return;
     SectionPlan p{};
     FanTables f;
     prepare(&p, &f, channelBlock, sampleCount, angleOffset, soundSpeed, beamAngles, beamCount,
             splitCorrelation);
+    p.channelStride = channelStride;
+    p.outStride = outStride;
     SplitSectionSetup setup;
     const int32_t blocks = blockCountOf(sampleCount);
     for (int32_t s = 0; s < kSplitSections; ++s) {

@@ -95,13 +95,16 @@ struct SplitThreadStore {
 // workspace scratch.
 SplitThreadStore splitThreadStore(const SplitScratch* scratch, int32_t thread);
 // The sectioned correlator on the calling thread alone (for a team that
-// shares whole blocks of samples), with the same results. sampleCount up to
-// kSplitBlockSamples is one block per section.
+// shares whole blocks of samples), with the same results, on a window of
+// sampleCount samples of longer rows: channel rows channelStride apart, output
+// rows outStride apart. The window is a ping of its own: nothing outside it is
+// read or written. sampleCount up to kSplitBlockSamples is one block per
+// section.
 void correlateSubAperturesSectionedOnThread(const cfloat* channelBlock, int32_t sampleCount,
-                                            float angleOffset, float soundSpeed,
-                                            const float* beamAngles, int32_t beamCount,
-                                            cfloat* splitCorrelation,
-                                            const SplitThreadStore* store);
+                                            int64_t channelStride, float angleOffset,
+                                            float soundSpeed, const float* beamAngles,
+                                            int32_t beamCount, cfloat* splitCorrelation,
+                                            int64_t outStride, const SplitThreadStore* store);
 
 // One section of the fan for the sectioned correlator: beams first - 1 to
 // last - 1 (borders count from 1), aligned for centreBeam (zero-based).
