@@ -119,10 +119,13 @@ void fractionalDelayTaps(float* taps, double d) {
     // A delay of exactly 0 is taken as 1e-15: the filter is then the unit
     // impulse at tap 2 within about 2e-6 (the design's residue at d = 0).
     if (d == 0.0) d = 1e-15;
+    // The powers of d by repeated multiplication: within a few units of the
+    // 16th digit of pow(d, k), far below the single precision of the taps.
     double acc[5];
     for (int32_t j = 0; j < 5; ++j) acc[j] = kFractionalDelayTable[0][j];
+    double dk = 1.0;
     for (int32_t k = 1; k <= 5; ++k) {
-        const double dk = std::pow(d, static_cast<double>(k));
+        dk *= d;
         for (int32_t j = 0; j < 5; ++j) acc[j] = acc[j] + kFractionalDelayTable[k][j] * dk;
     }
     double sum = 0.0;
