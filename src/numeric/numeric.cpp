@@ -80,15 +80,34 @@ int decimatedMovingAverage(float* out, const float* x, int n, int width, int ste
     if (n < 1 || width < 1 || step < 1) return 0;
     const int outLen = (n + step - 1) / step;
     const int half = width / 2;
-    for (int i = 0; i < outLen; ++i) {
+    const float w = static_cast<float>(width);
+    // Windows that reach past an end repeat the end sample.
+    auto clampedWindow = [&](int i) {
         const int c = i * step;
         float s = 0.0f;
         for (int k = c - half; k <= c + half; ++k) {
             const int j = k < 0 ? 0 : (k >= n ? n - 1 : k);
             s += x[j];
         }
-        out[i] = s / static_cast<float>(width);
+        out[i] = s / w;
+    };
+    // Outputs first..last have their whole window inside the trace. Their
+    // sums run window position by window position across all of them: for
+    // every output the same additions in the same order, but a loop that
+    // vectorises.
+    const int first = std::min((half + step - 1) / step, outLen);
+    const int last = n - 1 - half >= 0 ? std::min((n - 1 - half) / step, outLen - 1) : -1;
+    for (int i = 0; i < first; ++i) clampedWindow(i);
+    if (last >= first) {
+        float* o = out + first;
+        const int count = last - first + 1;
+        const float* base = x + first * step - half;
+        for (int i = 0; i < count; ++i) o[i] = 0.0f;
+        for (int k = 0; k < 2 * half + 1; ++k)
+            for (int i = 0; i < count; ++i) o[i] += base[i * step + k];
+        for (int i = 0; i < count; ++i) o[i] = o[i] / w;
     }
+    for (int i = std::max(first, last + 1); i < outLen; ++i) clampedWindow(i);
     return outLen;
 }
 
