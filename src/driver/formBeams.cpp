@@ -171,6 +171,10 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
     const float clipRatio = params->clipRatio;
     if (params->rollCount == 1) {
         if (n >= 1) {
+            // The split-aperture products first, so that the image, made
+            // last, is still in the cache for the pictures drawn from it.
+            correlateSubAperturesSectioned(io->rawChannels, n, kChannels, 0.0f, soundSpeed,
+                                           beamAngles, B, io->splitBeamIq, &io->split);
             // Steering rows, then the beam sums over the product's fixed grid
             // of blocks. Blocks of columns are turned into the image right
             // away; with blocks of rows (short pings) the image follows.
@@ -206,8 +210,6 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
                     }
                 }
             }
-            correlateSubAperturesSectioned(io->rawChannels, n, kChannels, 0.0f, soundSpeed,
-                                           beamAngles, B, io->splitBeamIq, &io->split);
         }
         setMatrixThreads(savedThreads);
         return 0.0f;

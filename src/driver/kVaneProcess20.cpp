@@ -125,7 +125,19 @@ bool processPing(KVaneParams* params, KVaneInput* input, KVaneResult* result) {
     // 8. Amplitude image: formed with the beams; smoothed here when asked.
     if (params->gainSwitch != 0.0f) smoothBeamImage(ws.beamEnvelope, result->beamImage, B, n);
 
-    // 9. Candidates.
+    // 9. Sector grid and water-column wedge: they need the image alone, and
+    // are drawn while it is still in the cache.
+    updateSectorGrid(&retained.grid, params->sectorPort, params->sectorStarboard,
+                     params->imageWidth, params->imageHeight, n, B);
+    std::memset(result->displayImage, 0,
+                static_cast<std::size_t>(params->imageWidth) *
+                    static_cast<std::size_t>(params->imageHeight));
+    renderWaterColumnImage(result->beamImage, B, n, beamAngles, params->sectorPort,
+                           params->sectorStarboard, params->beamSpacing, params->imageGain,
+                           result->displayImage, params->imageWidth, params->imageHeight,
+                           &retained.grid, &ws.wedge);
+
+    // 10. Candidates.
     for (int32_t i = 0; i < 6 * B; ++i) {
         candidateSlots[i]->detectionSample = 0;
         candidateSlots[i]->rawDetectionSample = 0;
@@ -136,7 +148,7 @@ bool processPing(KVaneParams* params, KVaneInput* input, KVaneResult* result) {
                           &retained.firstBeamPending, ws.detect};
     detectBeamCandidates(&args, candidateSlots, retained.gateTable);
 
-    // 10. Harvest, clamped to 1..n so that an empty slot reads 1.
+    // 11. Harvest, clamped to 1..n so that an empty slot reads 1.
     int32_t detectionTable[1536] = {};
     int32_t rawDetectionTable[1536] = {};
     float candidates[1536] = {};
@@ -150,35 +162,24 @@ bool processPing(KVaneParams* params, KVaneInput* input, KVaneResult* result) {
         for (int32_t c = 0; c < 6; ++c)
             candidates[c * B + b] = static_cast<float>(detectionTable[b * 6 + c]);
 
-    // 11. Trace the line across the fan.
+    // 12. Trace the line across the fan.
     for (int32_t b = 0; b < B; ++b) result->bottomSample[b] = 0.0f;
     traceBottomCurve(candidates, static_cast<float>(B), static_cast<float>(n),
                      result->bottomSample);
     completeBottomLine(result->bottomSample, result->bottomFlag, B);
 
-    // 12. In shallow water the tracker or the first candidates replace the line.
+    // 13. In shallow water the tracker or the first candidates replace the line.
     if (firstEchoSample < 100)
         decideTrackedLine(params, result, B, firstEchoSample, beamAngles, angleOffset,
                           rawDetectionTable, detectionTable);
 
-    // 13-15. Sector grid and water-column wedge.
-    updateSectorGrid(&retained.grid, params->sectorPort, params->sectorStarboard,
-                     params->imageWidth, params->imageHeight, n, B);
-    std::memset(result->displayImage, 0,
-                static_cast<std::size_t>(params->imageWidth) *
-                    static_cast<std::size_t>(params->imageHeight));
-    renderWaterColumnImage(result->beamImage, B, n, beamAngles, params->sectorPort,
-                           params->sectorStarboard, params->beamSpacing, params->imageGain,
-                           result->displayImage, params->imageWidth, params->imageHeight,
-                           &retained.grid, &ws.wedge);
-
-    // 16. Gates of the next ping.
+    // 14. Gates of the next ping.
     for (int32_t b = 0; b < B; ++b) {
         retained.gateTable[b] = firstEchoSample / 4;
         retained.gateTable[B + b] = n - 1;
     }
 
-    // 17. Side-scan waterfall.
+    // 15. Side-scan waterfall.
     updateSideScanWaterfall(result->beamImage, B, n, result->beamAngleCopies,
                             result->bottomSample, result->sideScanImage, params->sideScanMode,
                             params->sideScanRows, firstEchoSample, ws.waterfall);
