@@ -83,9 +83,11 @@ void smoothBeamImage(float* beamEnvelope, float* beamImage, int32_t beamCount, i
     std::memcpy(beamImage, beamEnvelope, sizeof(float) * static_cast<std::size_t>(n) * B);
 }
 
-void conditionBeamColumns(float* beamEnvelope, float* beamImage, const cfloat* beams,
-                          int64_t beamStride, int32_t beamCount, int32_t n, float clipRatio,
-                          int32_t start, int32_t count) {
+namespace {
+
+inline void conditionColumns(float* beamEnvelope, float* beamImage, const cfloat* beams,
+                             int64_t beamStride, int32_t beamCount, int32_t n, float clipRatio,
+                             int32_t start, int32_t count) {
     // The clipping compares each sample of a beam with the maximum over the
     // beams of its half at the same sample. Rather than transposing the image
     // to sample-major rows and back, the maxima are taken across the rows of
@@ -128,6 +130,25 @@ void conditionBeamColumns(float* beamEnvelope, float* beamImage, const cfloat* b
                         beamEnvelope + static_cast<int64_t>(b) * n + start0,
                         sizeof(float) * static_cast<std::size_t>(len));
     }
+}
+KVANE_AVX2 void conditionColumnsAvx2(float* beamEnvelope, float* beamImage, const cfloat* beams,
+                                     int64_t beamStride, int32_t beamCount, int32_t n,
+                                     float clipRatio, int32_t start, int32_t count) {
+    conditionColumns(beamEnvelope, beamImage, beams, beamStride, beamCount, n, clipRatio, start,
+                     count);
+}
+
+}  // namespace
+
+void conditionBeamColumns(float* beamEnvelope, float* beamImage, const cfloat* beams,
+                          int64_t beamStride, int32_t beamCount, int32_t n, float clipRatio,
+                          int32_t start, int32_t count) {
+    if (cpuHasAvx2())
+        conditionColumnsAvx2(beamEnvelope, beamImage, beams, beamStride, beamCount, n, clipRatio,
+                             start, count);
+    else
+        conditionColumns(beamEnvelope, beamImage, beams, beamStride, beamCount, n, clipRatio,
+                         start, count);
 }
 
 void conditionBeamImage(float* beamEnvelope, float* beamImage,

@@ -49,6 +49,17 @@ constexpr float kPhaseConstant = -4712.389f;
 // samples, over the sound speed, times sin(angle).
 constexpr float kDelayConstant = -75.0f;
 
+// z[t] = sum over j of h[j] * input[t - j] on m interleaved floats (a complex
+// sample is two floats, so the input steps by 2).
+inline void delayFilter(float* zf, const float* qf, const float* h, int32_t m) {
+    const float h0 = h[0], h1 = h[1], h2 = h[2], h3 = h[3], h4 = h[4];
+    for (int32_t u = 0; u < m; ++u)
+        zf[u] = h0 * qf[u + 8] + h1 * qf[u + 6] + h2 * qf[u + 4] + h3 * qf[u + 2] + h4 * qf[u];
+}
+KVANE_AVX2 void delayFilterAvx2(float* zf, const float* qf, const float* h, int32_t m) {
+    delayFilter(zf, qf, h, m);
+}
+
 // Samples [t0, t0 + w) of channel ch of the block, aligned for a beam whose
 // delay at this channel is shift + fraction samples: advanced by the whole
 // shift, then delayed by -fraction through the 5-tap filter centred on tap 2.
@@ -89,12 +100,11 @@ void alignChannel(cfloat* aligned, const cfloat* x, int32_t n, int32_t shift, co
         std::memset(q, 0, sizeof(cfloat) * static_cast<std::size_t>(w + 4));
     }
 
-    // z[t] = sum over j of h[j] * input[t - j], on the interleaved floats.
-    const float h0 = h[0], h1 = h[1], h2 = h[2], h3 = h[3], h4 = h[4];
     float* zf = reinterpret_cast<float*>(aligned);
-    const int32_t m = 2 * w;
-    for (int32_t u = 0; u < m; ++u)
-        zf[u] = h0 * qf[u + 8] + h1 * qf[u + 6] + h2 * qf[u + 4] + h3 * qf[u + 2] + h4 * qf[u];
+    if (cpuHasAvx2())
+        delayFilterAvx2(zf, qf, h, 2 * w);
+    else
+        delayFilter(zf, qf, h, 2 * w);
 }
 
 }  // namespace
@@ -136,11 +146,13 @@ void fractionalDelayTaps(float* taps, double d) {
     for (int32_t j = 0; j < 5; ++j) taps[j] = static_cast<float>(acc[j] * scale);
 }
 
-void closeSplitCorrelation(cfloat* out, const cfloat* low, const cfloat* mid,
-                           const cfloat* high, int64_t count) {
-    // The running sum starts from a cleared buffer (0 + first product), then
-    // takes the second product; the mean of the two is half the sum. Written
-    // on the interleaved floats so that the loop vectorises.
+namespace {
+
+// The running sum starts from a cleared buffer (0 + first product), then
+// takes the second product; the mean of the two is half the sum. Written on
+// the interleaved floats so that the loop vectorises.
+inline void closeProducts(cfloat* out, const cfloat* low, const cfloat* mid, const cfloat* high,
+                          int64_t count) {
     float* __restrict o = reinterpret_cast<float*>(out);
     const float* __restrict a = reinterpret_cast<const float*>(low);
     const float* __restrict b = reinterpret_cast<const float*>(mid);
@@ -156,6 +168,20 @@ void closeSplitCorrelation(cfloat* out, const cfloat* low, const cfloat* mid,
         o[2 * i] = 0.5f * ((0.0f + p1re) + p2re);
         o[2 * i + 1] = 0.5f * ((0.0f + p1im) + p2im);
     }
+}
+KVANE_AVX2 void closeProductsAvx2(cfloat* out, const cfloat* low, const cfloat* mid,
+                                  const cfloat* high, int64_t count) {
+    closeProducts(out, low, mid, high, count);
+}
+
+}  // namespace
+
+void closeSplitCorrelation(cfloat* out, const cfloat* low, const cfloat* mid,
+                           const cfloat* high, int64_t count) {
+    if (cpuHasAvx2())
+        closeProductsAvx2(out, low, mid, high, count);
+    else
+        closeProducts(out, low, mid, high, count);
 }
 
 namespace {

@@ -18,6 +18,14 @@ int teamSize() {
     return t < kTeamCapacity ? (t < 1 ? 1 : t) : kTeamCapacity;
 }
 
+bool cpuHasAvx2() {
+    static const bool avx2 = [] {
+        __builtin_cpu_init();
+        return __builtin_cpu_supports("avx2") != 0;
+    }();
+    return avx2;
+}
+
 void setMatrixThreads(int threads) { openblas_set_num_threads(threads); }
 
 int matrixThreads() { return openblas_get_num_threads(); }

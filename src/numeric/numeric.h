@@ -23,6 +23,13 @@ struct cfloat {
 constexpr int kTeamCapacity = 3;
 int teamSize();
 
+// The hottest loops are built twice: for the baseline processor and for one
+// with AVX2, which runs the same single-precision operations on wider vectors
+// (no fused multiply-adds), so both builds give the same results. True when
+// the AVX2 build may run here.
+bool cpuHasAvx2();
+#define KVANE_AVX2 __attribute__((target("avx2")))
+
 // Sets the matrix library's thread count (OpenBLAS).
 void setMatrixThreads(int threads);
 
