@@ -5,9 +5,10 @@
 #include "detect.h"
 
 namespace kvane {
+namespace {
 
-int pickEnvelopePeaks(int32_t* peaks, int maxPeaks, const float* y, int n, int minDistance,
-                      float* levels, int32_t* order) {
+KVANE_LOOP_BODY int pickPeaks(int32_t* peaks, int maxPeaks, const float* y, int n, int minDistance,
+                     float* levels, int32_t* order) {
     if (n < 2 || maxPeaks < 1) return 0;
 
     // Normalise to 0..1. A NaN or an infinity leaves no usable scale, and a
@@ -159,6 +160,19 @@ int pickEnvelopePeaks(int32_t* peaks, int maxPeaks, const float* y, int n, int m
         if (!removed) peaks[kept++] = candidate;
     }
     return kept;
+}
+
+KVANE_AVX2 int pickPeaksAvx2(int32_t* peaks, int maxPeaks, const float* y, int n,
+                             int minDistance, float* levels, int32_t* order) {
+    return pickPeaks(peaks, maxPeaks, y, n, minDistance, levels, order);
+}
+
+}  // namespace
+
+int pickEnvelopePeaks(int32_t* peaks, int maxPeaks, const float* y, int n, int minDistance,
+                      float* levels, int32_t* order) {
+    if (cpuHasAvx2()) return pickPeaksAvx2(peaks, maxPeaks, y, n, minDistance, levels, order);
+    return pickPeaks(peaks, maxPeaks, y, n, minDistance, levels, order);
 }
 
 }  // namespace kvane

@@ -85,7 +85,7 @@ void smoothBeamImage(float* beamEnvelope, float* beamImage, int32_t beamCount, i
 
 namespace {
 
-inline void conditionColumns(float* beamEnvelope, float* beamImage, const cfloat* beams,
+KVANE_LOOP_BODY void conditionColumns(float* beamEnvelope, float* beamImage, const cfloat* beams,
                              int64_t beamStride, int32_t beamCount, int32_t n, float clipRatio,
                              int32_t start, int32_t count) {
     // The clipping compares each sample of a beam with the maximum over the

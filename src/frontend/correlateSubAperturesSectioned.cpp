@@ -51,7 +51,7 @@ constexpr float kDelayConstant = -75.0f;
 
 // z[t] = sum over j of h[j] * input[t - j] on m interleaved floats (a complex
 // sample is two floats, so the input steps by 2).
-inline void delayFilter(float* zf, const float* qf, const float* h, int32_t m) {
+KVANE_LOOP_BODY void delayFilter(float* zf, const float* qf, const float* h, int32_t m) {
     const float h0 = h[0], h1 = h[1], h2 = h[2], h3 = h[3], h4 = h[4];
     for (int32_t u = 0; u < m; ++u)
         zf[u] = h0 * qf[u + 8] + h1 * qf[u + 6] + h2 * qf[u + 4] + h3 * qf[u + 2] + h4 * qf[u];
@@ -151,7 +151,7 @@ namespace {
 // The running sum starts from a cleared buffer (0 + first product), then
 // takes the second product; the mean of the two is half the sum. Written on
 // the interleaved floats so that the loop vectorises.
-inline void closeProducts(cfloat* out, const cfloat* low, const cfloat* mid, const cfloat* high,
+KVANE_LOOP_BODY void closeProducts(cfloat* out, const cfloat* low, const cfloat* mid, const cfloat* high,
                           int64_t count) {
     float* __restrict o = reinterpret_cast<float*>(out);
     const float* __restrict a = reinterpret_cast<const float*>(low);

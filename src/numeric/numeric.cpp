@@ -63,8 +63,30 @@ void transpose(cfloat* out, const cfloat* in, int rows, int cols) {
                     reinterpret_cast<const float*>(in), cols, reinterpret_cast<float*>(out), rows);
 }
 
-void magnitude(float* out, const cfloat* in, int n) {
+namespace {
+
+KVANE_LOOP_BODY void magnitudeLoop(float* out, const cfloat* in, int n) {
     for (int i = 0; i < n; ++i) out[i] = std::sqrt(in[i].re * in[i].re + in[i].im * in[i].im);
+}
+KVANE_AVX2 void magnitudeLoopAvx2(float* out, const cfloat* in, int n) { magnitudeLoop(out, in, n); }
+
+// Window position by window position across outputs: o[i] += base[i * step + k].
+KVANE_LOOP_BODY void windowSums(float* o, const float* base, int count, int step, int positions) {
+    for (int i = 0; i < count; ++i) o[i] = 0.0f;
+    for (int k = 0; k < positions; ++k)
+        for (int i = 0; i < count; ++i) o[i] += base[i * step + k];
+}
+KVANE_AVX2 void windowSumsAvx2(float* o, const float* base, int count, int step, int positions) {
+    windowSums(o, base, count, step, positions);
+}
+
+}  // namespace
+
+void magnitude(float* out, const cfloat* in, int n) {
+    if (cpuHasAvx2())
+        magnitudeLoopAvx2(out, in, n);
+    else
+        magnitudeLoop(out, in, n);
 }
 
 float mean(const float* x, int n) {
@@ -110,9 +132,10 @@ int decimatedMovingAverage(float* out, const float* x, int n, int width, int ste
         float* o = out + first;
         const int count = last - first + 1;
         const float* base = x + first * step - half;
-        for (int i = 0; i < count; ++i) o[i] = 0.0f;
-        for (int k = 0; k < 2 * half + 1; ++k)
-            for (int i = 0; i < count; ++i) o[i] += base[i * step + k];
+        if (cpuHasAvx2())
+            windowSumsAvx2(o, base, count, step, 2 * half + 1);
+        else
+            windowSums(o, base, count, step, 2 * half + 1);
         for (int i = 0; i < count; ++i) o[i] = o[i] / w;
     }
     for (int i = std::max(first, last + 1); i < outLen; ++i) clampedWindow(i);

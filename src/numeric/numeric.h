@@ -27,8 +27,10 @@ int teamSize();
 // with AVX2, which runs the same single-precision operations on wider vectors
 // (no fused multiply-adds), so both builds give the same results. True when
 // the AVX2 build may run here.
+// The shared body is forced inline into both builds.
 bool cpuHasAvx2();
 #define KVANE_AVX2 __attribute__((target("avx2")))
+#define KVANE_LOOP_BODY inline __attribute__((always_inline))
 
 // Sets the matrix library's thread count (OpenBLAS).
 void setMatrixThreads(int threads);
