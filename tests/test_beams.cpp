@@ -1,7 +1,6 @@
 // test_beams.cpp - the fan, steering and beam sums, the split-aperture
 // correlators and the amplitude image.
 #include <gtest/gtest.h>
-#include <omp.h>
 
 #include <cmath>
 #include <complex>
@@ -235,36 +234,6 @@ TEST(Segmented, ConstantRollEqualsTheTurnedFan) {
                 if (t % 200 < 8 || t % 200 >= 192 || t >= n - 8) continue;
                 expectClose(seg.splitAt(b, t), turned.splitAt(b, t), 1e-5 * splitPeak);
             }
-    }
-    // An out-of-range roll count is written back as 1, still segmented.
-    Rig rig(400, 64, 60.0f);
-    rig.params->rollCount = -101;
-    rig.params->rollAngle[0] = rig.lastRollAngle = 1.0f;
-    rig.params->rollTime[0] = 1000;
-    rig.lastRollTime = -1000.0f;
-    EXPECT_EQ(rig.form(planeWave(rig.n, 0.0, 1500.0, 200.0, 20.0)), 1.0f);
-    EXPECT_EQ(rig.params->rollCount, 1);
-    EXPECT_EQ(rig.result->segmentRoll[1], 1.0f);
-    EXPECT_EQ(rig.lastRollTime, 1000.0f);
-}
-
-TEST(Segmented, BeamsDoNotDependOnTheThreadCount) {
-    const int32_t n = 1001;
-    const std::vector<cfloat> x = planeWave(n, 12.0, 1500.0, 600.0, 30.0);
-    for (int32_t rollCount : {1, 3}) {  // one-shot and segmented
-        std::vector<cfloat> out[2];
-        for (int run = 0; run < 2; ++run) {
-            Rig rig(n, 128, 60.0f);
-            rig.params->rollCount = rollCount;
-            for (int k = 0; k < 3; ++k) rig.params->rollAngle[k] = 1.5f * k - 1.0f, rig.params->rollTime[k] = 30 * k;
-            const int before = omp_get_max_threads();
-            omp_set_num_threads(run == 0 ? 1 : 3);
-            rig.form(x);
-            omp_set_num_threads(before);
-            out[run] = rig.formed;
-            out[run].insert(out[run].end(), rig.split.begin(), rig.split.end());
-        }
-        for (std::size_t i = 0; i < out[0].size(); ++i) expectClose(out[0][i], out[1][i], 0.0);
     }
 }
 
