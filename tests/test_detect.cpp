@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <cstring>
 #include <iterator>
 #include <numeric>
 #include <random>
@@ -335,38 +334,6 @@ TEST(DetectBeamCandidates, GatesZeroTheEnvelopeOutside) {
     std::fill(first.envelope.begin(), first.envelope.end(), 1.0f);
     first.run(400, 0.5f, 1);
     EXPECT_EQ(first.envelope[2500], 1.0f);
-}
-
-TEST(DetectBeamCandidates, SameResultOnEveryThreadCount) {
-    // Noisy beams with three echoes each, one line set against three.
-    std::vector<float> angles(256);
-    for (int b = 0; b < 256; ++b) angles[b] = -65.0f + 130.0f * b / 255.0f;
-    SyntheticPing serial(1200, angles, 1), parallel(1200, angles, 3);
-    std::mt19937 rng(3);
-    std::uniform_real_distribution<float> unit(0.0f, 1.0f);
-    for (int b = 0; b < 256; ++b) {
-        for (int e = 0; e < 3; ++e)
-            serial.addEcho(b, 150 + 1000 * unit(rng), 4 + 20 * unit(rng), 50 + 500 * unit(rng), e == 0);
-        for (std::size_t i = b * 1200u; i < (b + 1) * 1200u; ++i) {
-            serial.envelope[i] += 20.0f * unit(rng);
-            serial.iq[i].re += 0.2f * (unit(rng) - 0.5f);
-        }
-    }
-    parallel.envelope = serial.envelope;
-    parallel.iq = serial.iq;
-    serial.run(120);
-    parallel.run(120);
-    int detections = 0;
-    for (int i = 0; i < 256 * 6; ++i) {
-        const kvane::EchoCandidate& a = serial.records[i];
-        const kvane::EchoCandidate& b = parallel.records[i];
-        ASSERT_EQ(Ints({a.detectionSample, a.rawDetectionSample, a.method, a.gateStart, a.gateEnd}),
-                  Ints({b.detectionSample, b.rawDetectionSample, b.method, b.gateStart, b.gateEnd}));
-        ASSERT_EQ(std::memcmp(&a.quality, &b.quality, 2 * sizeof(float)), 0) << i;  // quality, level
-        detections += a.detectionSample != 0;
-    }
-    EXPECT_GT(detections, 256);
-    EXPECT_EQ(serial.envelope, parallel.envelope);
 }
 
 TEST(DetectBeamCandidates, HostileValuesStayInBounds) {
