@@ -1,7 +1,6 @@
 // test_pictures.cpp - sector grid, water-column wedge, side-scan waterfall and
 // the PNG pictures.
 #include <gtest/gtest.h>
-#include <omp.h>
 #include <png.h>
 
 #include <algorithm>
@@ -13,6 +12,7 @@
 #include "driver/workspace.h"
 #include "kVane.h"
 #include "pictures.h"
+#include "reliability_support.h"
 
 using namespace kvane;
 
@@ -81,45 +81,36 @@ TEST(SectorGrid, SizeFitsTheRasterWithTheFansProportions) {
 // degree moved from port to starboard, and a second Malloc, which brings new
 // empty buffers under the old signature. The image size rebuilds it.
 TEST(SectorGrid, KeptAcrossGainChangesAndASecondMalloc) {
-    const int n = 400;
-    std::vector<int32_t> planes(2 * 64 * n);
-    for (std::size_t i = 0; i < planes.size(); ++i) planes[i] = static_cast<int32_t>((i * 7919) % 2001) - 1000;
-    static KVaneParams params{};
-    params.soundSpeed = 1500.0f;
+    kvsim::SimPing ping = kvrel::simulatedPing(10.0, 400, 0);
+    KVaneParams params = kvrel::typicalParams(64);
     params.sectorPort = params.sectorStarboard = 60.0f;
-    params.rollCount = params.sideScanMode = params.beamSpacing = 1;
-    params.pulseLength = 0.00005f;
     params.imageWidth = 300;
     params.imageHeight = 150;
-    params.imageGain = 1.0f;
-    params.beamCount = 64;
-    std::vector<float> beamImage(n * 256), sideScan(3200000);
-    std::vector<uint8_t> display(300 * 150);
-    static KVaneResult result{};
-    result.beamImage = beamImage.data();
-    result.displayImage = display.data();
-    result.sideScanImage = sideScan.data();
-    KVaneInput input{planes.data(), planes.data() + 64 * n, n};
+    kvrel::HostBuffers host(params, ping.sampleCount);
+    KVaneInput input = kvrel::inputOf(ping);
+    KVaneResult result{};
+    host.attach(&result);
+    auto run = [&] { kVaneProcess20(&params, &input, &result); };
 
     kVaneMalloc();
-    kVaneProcess20(&params, &input, &result);
+    run();
     const int32_t signature = retained.grid.signature;
     ASSERT_GT(retained.grid.cells, 0);
     retained.grid.range[0] = -1.0f;  // a rebuild would overwrite it
     params.imageGain = 3.0f;
-    kVaneProcess20(&params, &input, &result);
+    run();
     params.sectorPort = 61.0f;
     params.sectorStarboard = 59.0f;
-    kVaneProcess20(&params, &input, &result);
+    run();
     EXPECT_EQ(retained.grid.range[0], -1.0f);
     kVaneFree();
     kVaneMalloc();
-    kVaneProcess20(&params, &input, &result);
+    run();
     EXPECT_EQ(retained.grid.signature, signature);
     EXPECT_EQ(retained.grid.range[retained.grid.cells / 2], 0.0f);
-    EXPECT_EQ(std::count(display.begin(), display.end(), 0), 300 * 150);  // empty lookup
+    EXPECT_EQ(std::count(host.displayImage.begin(), host.displayImage.begin() + 300 * 150, 0), 300 * 150);
     params.imageWidth = 299;
-    kVaneProcess20(&params, &input, &result);
+    run();
     EXPECT_GT(retained.grid.range[retained.grid.cells / 2], 0.0f);
     kVaneFree();
 }
@@ -225,7 +216,7 @@ TEST(Wedge, RemapWeightsBoundsGainModesAndClipping) {
 
 // Equal-distance beams: grid position j reads beam sourceBeam[j] + 1 one
 // sample on; positions past the last beam keep their previous source, the
-// last re-grid row keeps its content, and the thread count changes nothing.
+// last re-grid row keeps its content.
 TEST(Wedge, RegridOfEqualDistanceBeams) {
     const int B = 8, S = 6;
     const float angles[B] = {-40, -25, -14, -5, 3, 11, 20, 30};  // grid: -40 + 12.5 j, to 47.5
@@ -234,22 +225,16 @@ TEST(Wedge, RegridOfEqualDistanceBeams) {
     OwnGrid og(1);
     og.handMade(1, 1, 1, 0);
     std::vector<uint8_t> out(1);
-    const int defaultThreads = omp_get_max_threads();
-    for (int threads : {1, 2, 3}) {
-        omp_set_num_threads(threads);
-        OwnWork work;
-        std::fill(work.sourceBeam.begin(), work.sourceBeam.end(), 3);
-        std::fill(work.regrid.begin(), work.regrid.end(), -1.0f);
-        renderWaterColumnImage(img.data(), B, S, angles, 40, 60, 2, 1.0f, out.data(), 1, 1, &og.g,
-                               &work.w);
-        const int source[B] = {0, 0, 1, 3, 4, 6, 3, 3};
-        for (int j = 0; j < B; ++j) {
-            EXPECT_EQ(work.sourceBeam[j], source[j]) << j;
-            for (int i = 0; i + 1 < S; ++i) EXPECT_EQ(work.regrid[i * B + j], img[(source[j] + 1) * S + i + 1]);
-            EXPECT_EQ(work.regrid[(S - 1) * B + j], -1.0f);
-        }
+    OwnWork work;
+    std::fill(work.sourceBeam.begin(), work.sourceBeam.end(), 3);
+    std::fill(work.regrid.begin(), work.regrid.end(), -1.0f);
+    renderWaterColumnImage(img.data(), B, S, angles, 40, 60, 2, 1.0f, out.data(), 1, 1, &og.g, &work.w);
+    const int source[B] = {0, 0, 1, 3, 4, 6, 3, 3};
+    for (int j = 0; j < B; ++j) {
+        EXPECT_EQ(work.sourceBeam[j], source[j]) << j;
+        for (int i = 0; i + 1 < S; ++i) EXPECT_EQ(work.regrid[i * B + j], img[(source[j] + 1) * S + i + 1]);
+        EXPECT_EQ(work.regrid[(S - 1) * B + j], -1.0f);
     }
-    omp_set_num_threads(defaultThreads);
 }
 
 namespace {
