@@ -1,6 +1,5 @@
 // test_channels.cpp - the head of the ping: channel conditioning, the
-// first-echo history, the fixed gain, first echo detection and the channel
-// gain equaliser.
+// first-echo history, first echo detection and the channel gain equaliser.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -9,9 +8,7 @@
 #include <vector>
 
 #include "driver/driver.h"
-#include "driver/workspace.h"
 #include "frontend/frontend.h"
-#include "kVane.h"
 
 namespace {
 
@@ -71,24 +68,6 @@ TEST(ChannelConditioning, ScalesFullRangeAndShiftsFifteenSamples) {
                 ASSERT_EQ(r.im, ch.filtered[c * n + t].im);
             }
     }
-}
-
-TEST(ChannelConditioning, FixedGainMultipliesFilteredRows) {
-    const int n = 30;
-    std::vector<cfloat> rows(kCh * n);
-    std::vector<float> ramp(n);
-    for (int i = 0; i < kCh * n; ++i) rows[i] = cfloat{0.5f * i, -0.25f * i};
-    const std::vector<cfloat> before = rows;
-    for (int t = 0; t < n; ++t) ramp[t] = static_cast<float>(t);
-    kvane::applyFixedGain(rows.data(), ramp.data(), n);
-    for (int i = 0; i < kCh * n; ++i) {
-        ASSERT_EQ(rows[i].re, before[i].re * (i % n));
-        ASSERT_EQ(rows[i].im, before[i].im * (i % n));
-    }
-    // Neutral until a host writes its own gain.
-    kVaneMalloc();
-    for (int t = 0; t < 8000; ++t) ASSERT_EQ(kvane::ws.gainReal[t], 1.0f);
-    kVaneFree();
 }
 
 TEST(FirstEchoHistory, OverlappingShiftAndMedian) {
