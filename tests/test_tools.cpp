@@ -366,7 +366,7 @@ void expectHarnessOutput(const std::vector<std::string>& out, int pings, int lc)
 
 }  // namespace
 
-TEST(ReplayTool, ReplaysWithSettingsDitherAndRollTables) {
+TEST(ReplayTool, ReplaysWithSettingsAndRollTables) {
     REQUIRE_TOOLS();
     TempDir dir;
     const std::string rec = dir.file("s.kvr");
@@ -384,22 +384,6 @@ TEST(ReplayTool, ReplaysWithSettingsDitherAndRollTables) {
             EXPECT_EQ(splitCsv(lines[k])[0], std::to_string(k + 1));
         }
     }
-
-    // Dithered: every entry moves by at most half a sample, and some move.
-    ASSERT_EQ(runTool(dir, "kvane-replay", {rec, "--bottom-csv", dir.file("dith.csv")}).status, 0);
-    const std::vector<std::string> plain = readLines(dir.file("b.csv")), dith = readLines(dir.file("dith.csv"));
-    ASSERT_EQ(plain.size(), dith.size());
-    int moved = 0;
-    for (size_t k = 0; k < plain.size(); ++k) {
-        const auto x = splitCsv(plain[k]), y = splitCsv(dith[k]);
-        ASSERT_EQ(x.size(), y.size());
-        for (size_t i = 1; i < x.size(); ++i) {
-            const double d = std::stod(y[i]) - std::stod(x[i]);
-            EXPECT_LE(std::fabs(d), 0.5 + 1e-3);
-            moved += d != 0.0;
-        }
-    }
-    EXPECT_GT(moved, 0);
 
     r = runTool(dir, "kvane-replay",
                 {rec, "--set", "beamCount=128", "--set", "gainSwitch=1", "--set", "rollAngle[0]=0.5",
