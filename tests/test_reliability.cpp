@@ -191,7 +191,8 @@ TEST_F(Reliability, RawEntryReadsPlaneQAtHalfAnOddBuffer) {
 }
 
 // Extreme values the kernel runs with: every ping stays inside the host
-// buffers and the documented leading entries of the result arrays.
+// buffers and the documented leading entries of the result arrays, and flags
+// each beam as its own detection or a neighbour's.
 struct Extreme {
     std::string name;
     std::function<void(KVaneParams&)> set;
@@ -258,6 +259,8 @@ std::vector<Extreme> extremeCases() {
         for (float quality : {0.0f, 0.5f})
             cases.push_back({"shallow, trackEnable " + std::to_string(track) + " quality " + std::to_string(quality),
                              [=](KVaneParams& p) { p.trackEnable = track, p.qualityThreshold = quality; }, 1.5});
+    for (int beams : {1, 2, 3, 21, 255})
+        cases.push_back({"shallow, beamCount " + std::to_string(beams), [](KVaneParams&) {}, 1.5, 300, beams});
     return cases;
 }
 
@@ -284,6 +287,8 @@ TEST_F(Reliability, ExtremeParametersStayInsideTheirBuffers) {
         EXPECT_TRUE(sameBytes(result.bottomSample + kTracedLine, before.bottomSample + kTracedLine,
                               4 * (1920 - kTracedLine)))
             << c.name << ": bottomSample written past the traced line";
+        for (size_t b = 0; b < B; ++b)
+            ASSERT_TRUE(result.bottomFlag[b] == 1 || result.bottomFlag[b] == 2) << c.name << ": flag of beam " << b;
         EXPECT_TRUE(sameBytes(result.bottomFlag + B, before.bottomFlag + B, 1924 - B))
             << c.name << ": bottomFlag written past the beams";
         EXPECT_TRUE(sameBytes(result.beamAngleCopies + 3 * B, before.beamAngleCopies + 3 * B, 4 * (1920 - 3 * B)))

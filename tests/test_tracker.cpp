@@ -160,21 +160,3 @@ TEST(Tracker, DoubtfulBeamsLookAheadAndAtTheHistory) {
     // history (nearest of {0, 0, 300} is 0) and look-ahead equally far: the look-ahead wins
     EXPECT_EQ(swath(200, kB - 1, 200, 300.0f)[200], 200);
 }
-
-TEST(Tracker, AnyBeamCountAndValueStaysInBounds) {
-    const int32_t extreme[] = {1, 0, -5, 2147483647, -2147483647 - 1, 7, 40, 8000};
-    for (int B : {1, 2, 3, 21, 64, 255}) {
-        std::vector<float> angles(B), history(3 * B, 50.0f);
-        for (int b = 0; b < B; ++b) angles[b] = -89.9f + 179.8f * b / std::max(B - 1, 1);
-        std::vector<int32_t> table(6 * B), tracked(B + 4, -3);
-        for (int i = 0; i < 6 * B; ++i) table[i] = extreme[(i * 7 + B) % 8];
-        std::vector<uint8_t> flag(B + 4, 9);
-        const int32_t centre[2] = {30, 2147483647};
-        trackRawSoundings(table.data(), B, centre, 50.0f, angles.data(), 0.5f, tracked.data(),
-                          history.data(), flag.data());
-        trackDetectedSoundings(table.data(), B, centre, 50.0f, angles.data(), 0.5f, tracked.data(),
-                               history.data(), flag.data());
-        for (int b = 0; b < B; ++b) EXPECT_TRUE(flag[b] == 1 || flag[b] == 2);
-        for (int b = B; b < B + 4; ++b) EXPECT_TRUE(tracked[b] == -3 && flag[b] == 9);
-    }
-}
