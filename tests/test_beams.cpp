@@ -84,17 +84,20 @@ TEST(BeamFan, DefaultFansAndTheHostsFans) {
     std::vector<float> a(256), copies(1920, -1.0f);
     std::vector<double> ad(256);
     const float ends[3][3] = {{64, -69.2f, 69.4f}, {128, -70.0f, 69.7f}, {256, -70.0f, 70.25f}};
-    for (const auto& c : ends) {
-        kvane::fillBeamAnglesFromTable(a.data(), int32_t(c[0]));
-        EXPECT_NEAR(a[0], c[1], 1e-5);
-        EXPECT_NEAR(a[int32_t(c[0]) - 1], c[2], 1e-4);
+    for (const auto& [B, first, last] : ends) {
+        kvane::fillBeamAnglesFromTable(a.data(), int32_t(B));
+        EXPECT_NEAR(a[0], first, 1e-5);
+        EXPECT_NEAR(a[int32_t(B) - 1], last, 1e-4);
     }
     kvane::fillBeamAnglesFromTable(a.data(), 100);
-    for (int i = 0; i < 100; ++i) EXPECT_EQ(a[i], 0.0f);
+    EXPECT_EQ(std::vector<float>(a.begin(), a.begin() + 100), std::vector<float>(100, 0.0f));
 
     // Equal angles from -P to +S, copied three times and to doubles.
     int32_t sig = 0;
-    kvane::finishBeamFan(a.data(), ad.data(), copies.data(), 65.0f, 55.0f, 1, 256, &sig);
+    auto fan = [&](float P, float S, int8_t spacing, int32_t B) {
+        return kvane::finishBeamFan(a.data(), ad.data(), copies.data(), P, S, spacing, B, &sig);
+    };
+    fan(65.0f, 55.0f, 1, 256);
     EXPECT_EQ(a[0], -65.0f);
     EXPECT_NEAR(a[255], 55.0f, 1e-4);
     for (int i = 1; i < 256; ++i) ASSERT_NEAR(a[i] - a[i - 1], 120.0 / 255.0, 1e-4);
@@ -103,7 +106,7 @@ TEST(BeamFan, DefaultFansAndTheHostsFans) {
     for (int i = 0; i < 256; ++i) ASSERT_EQ(ad[i], double(a[i]));
 
     // Equal distances on a flat bottom; symmetric up to the floors of the ends.
-    kvane::finishBeamFan(a.data(), ad.data(), copies.data(), 60.0f, 60.0f, 2, 128, &sig);
+    fan(60.0f, 60.0f, 2, 128);
     const double dx = 2.0 * std::floor(10000.0 * std::tan(kPi / 3.0)) / 127.0;
     for (int i = 0; i < 128; ++i) ASSERT_NEAR(a[i], -a[127 - i], 0.01) << i;
     for (int i = 1; i < 128; ++i)
@@ -111,13 +114,10 @@ TEST(BeamFan, DefaultFansAndTheHostsFans) {
 
     // The signature: only the sum P + S and the count count; a fractional sum
     // is stored truncated, so it reads as new on every ping.
-    auto run = [&](float P, float S, int32_t B) {
-        return kvane::finishBeamFan(a.data(), ad.data(), copies.data(), P, S, 1, B, &sig);
-    };
     sig = 0;
     const float calls[6][4] = {{60, 60, 256, 1}, {60, 60, 256, 0}, {60, 60, 128, 1},
                                {61, 59, 128, 0}, {60.5f, 60, 128, 1}, {60.5f, 60, 128, 1}};
-    for (const auto& c : calls) EXPECT_EQ(run(c[0], c[1], int32_t(c[2])), int32_t(c[3])) << c[0] << " " << c[2];
+    for (const auto& [P, S, B, changed] : calls) EXPECT_EQ(fan(P, S, 1, int32_t(B)), changed) << P << " " << B;
     EXPECT_EQ(sig, 249);
 }
 
@@ -234,23 +234,6 @@ TEST(Segmented, ConstantRollEqualsTheTurnedFan) {
                 if (t % 200 < 8 || t % 200 >= 192 || t >= n - 8) continue;
                 expectClose(seg.splitAt(b, t), turned.splitAt(b, t), 1e-5 * splitPeak);
             }
-    }
-}
-
-TEST(SplitSections, TablesForTheDriverBeamCounts) {
-    const int32_t table[3][31] = {
-        {1, 5, 9, 14, 18, 22, 26, 30, 35, 39, 43, 47, 51, 56, 60, 64,
-         2, 6, 10, 15, 19, 23, 27, 31, 36, 40, 44, 48, 52, 57, 61},
-        {1, 9, 18, 26, 35, 43, 52, 60, 69, 77, 86, 94, 103, 111, 120, 128,
-         4, 12, 21, 29, 38, 46, 55, 63, 72, 80, 89, 97, 106, 114, 123},
-        {1, 18, 35, 52, 69, 86, 103, 120, 137, 154, 171, 188, 205, 222, 239, 256,
-         8, 25, 42, 59, 76, 93, 110, 127, 144, 161, 178, 195, 212, 229, 246}};
-    for (const auto& row : table) {
-        kvane::SplitSection s[15];
-        kvane::splitSections(s, row[15]);
-        for (int i = 0; i < 15; ++i)
-            EXPECT_EQ(std::vector<int32_t>({s[i].first, s[i].last, s[i].centreBeam}),
-                      std::vector<int32_t>({row[i], row[i + 1], row[16 + i]}));
     }
 }
 
