@@ -19,18 +19,17 @@ using kvane::DetectWork;
 using kvane::GateDetection;
 using Ints = std::vector<int32_t>;
 
-// Detector lines owned by the test: `sets` line sets.
+// One set of detector lines owned by the test.
 struct TestWork {
-    explicit TestWork(int sets = 1) : sets(sets) {
-        for (auto& v : f) v.resize(std::size_t(sets) * kvane::kDetectLineLength);
-        for (auto& v : c) v.resize(std::size_t(sets) * kvane::kDetectLineLength);
-    }
-    int sets;
     std::vector<float> f[6];
     std::vector<cfloat> c[2];
+    TestWork() {
+        for (auto& v : f) v.resize(kvane::kDetectLineLength);
+        for (auto& v : c) v.resize(kvane::kDetectLineLength);
+    }
     DetectWork work() {
         return DetectWork{f[0].data(), c[0].data(), c[1].data(), f[1].data(), f[2].data(),
-                          f[3].data(), f[4].data(), f[5].data(), sets};
+                          f[3].data(), f[4].data(), f[5].data(), 1};
     }
 };
 
@@ -242,10 +241,10 @@ struct SyntheticPing {
     uint8_t firstBeamPending = 0;
     TestWork work;
 
-    SyntheticPing(int samples, std::vector<float> beamAngles, int sets = 1)
+    SyntheticPing(int samples, std::vector<float> beamAngles)
         : n(samples), beams(static_cast<int>(beamAngles.size())), angles(std::move(beamAngles)),
           envelope(static_cast<std::size_t>(n) * beams, 0.0f),
-          iq(static_cast<std::size_t>(n) * beams, cfloat{1.0f, 0.0f}), work(sets) {
+          iq(static_cast<std::size_t>(n) * beams, cfloat{1.0f, 0.0f}) {
         for (auto& r : records) slots.push_back(&r);
         for (int b = 0; b < beams; ++b) gateTable[beams + b] = n - 1;
     }
