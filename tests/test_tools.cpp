@@ -35,15 +35,6 @@ cd elementSample(const kvsim::SimPing& p, int element, int t) {
     return {static_cast<double>(p.planeI[i]), static_cast<double>(p.planeQ[i])};
 }
 
-// Delay-and-sum with the kernel's steering weights (unit taper):
-// element n weighted by exp(+j 2 pi 200e3 n 0.00375 sin(theta) / c).
-double beamPower(const kvsim::SimPing& p, double thetaDeg, int t, double c) {
-    const double step = 2.0 * kPi * 200e3 * 0.00375 * std::sin(thetaDeg * kPi / 180.0) / c;
-    cd sum = 0.0;
-    for (int n = 0; n < 64; ++n) sum += std::polar(1.0, step * n) * elementSample(p, n, t);
-    return std::norm(sum);
-}
-
 // A ping with nothing but the given point targets (no seabed, negligible noise).
 kvsim::SimConfig quietConfig(std::vector<kvsim::SimTarget> targets) {
     kvsim::SimConfig c;
@@ -126,7 +117,9 @@ TEST(SimulatorPhysics, PointTargetArrivesAtItsTwoWayTimeFromItsAngleTurnedByRoll
         }
 }
 
-TEST(SimulatorPhysics, SeabedTruthAndEchoesFollowTheGeometry) {
+// The truth by which the end-to-end tests judge the kernel's bottom line (a
+// bottom line on these values also shows the simulated echoes agree with them).
+TEST(SimulatorPhysics, SeabedTruthFollowsTheGeometry) {
     kvsim::SimConfig c;
     c.depth = 20.0;
     EXPECT_NEAR(kvsim::seabedSample(c, 0.0), 2 * 20.0 / 1500.0 * 20000.0, 1e-9);
@@ -140,25 +133,6 @@ TEST(SimulatorPhysics, SeabedTruthAndEchoesFollowTheGeometry) {
     ASSERT_EQ(fan.size(), 256u);
     EXPECT_EQ(fan.front(), -70.0f);
     EXPECT_NEAR(fan.back(), 70.0f, 1e-4f);
-
-    // Beam power summed over pings (to tame the speckle) centres on the truth.
-    c.depth = 10.0;
-    c.samples = 900;
-    for (double slope : {0.0, 12.0}) {
-        c.slopeDeg = slope;
-        for (double angle : {-45.0, 0.0, 30.0}) {
-            const double truth = kvsim::seabedSample(c, angle);
-            double sum = 0.0, moment = 0.0;
-            for (int k = 0; k < 4; ++k) {
-                const kvsim::SimPing p = kvsim::simulatePing(c, k);
-                for (int t = static_cast<int>(truth) - 30; t <= static_cast<int>(truth) + 30; ++t) {
-                    sum += beamPower(p, angle, t, 1500.0);
-                    moment += beamPower(p, angle, t, 1500.0) * t;
-                }
-            }
-            EXPECT_NEAR(moment / sum, truth, 3.0) << "slope " << slope << " angle " << angle;
-        }
-    }
 }
 
 TEST(SimulatorPhysics, LevelsFollowEchoLevelAndSnr) {
@@ -200,17 +174,10 @@ TEST(SimulatorPhysics, LevelsFollowEchoLevelAndSnr) {
     }
 }
 
-TEST(Simulator, DeterministicPerSeedAndRollTableEvery10Ms) {
+// The roll table the kernel interpolates: every 10 ms, from 50 ms before the
+// ping to 50 ms after its last sample, at most 100 entries.
+TEST(Simulator, RollTableSpansThePingEvery10Ms) {
     kvsim::SimConfig c = smallSurvey(3.0);
-    c.waterTargets = 3;
-    const kvsim::SimPing a = kvsim::simulatePing(c, 2), b = kvsim::simulatePing(c, 2);
-    EXPECT_EQ(a.planeI, b.planeI);
-    EXPECT_EQ(a.planeQ, b.planeQ);
-    EXPECT_EQ(a.rollAngle, b.rollAngle);
-    EXPECT_NE(a.planeI, kvsim::simulatePing(c, 1).planeI);
-    c.seed = 12;
-    EXPECT_NE(a.planeI, kvsim::simulatePing(c, 2).planeI);
-
     c.samples = 8000;
     for (int index : {0, 7}) {
         const kvsim::SimPing p = kvsim::simulatePing(c, index);
