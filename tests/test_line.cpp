@@ -62,16 +62,6 @@ struct Fan {
 
 }  // namespace
 
-TEST(VertexAngle, Geometry) {
-    EXPECT_NEAR(vertexAngle({0, 0}, {1, 0}, {2, 1}), 135.0f, 1e-3f);
-    for (int k = 1; k < 200; ++k) {  // straight: 180, or NaN where the cosine rounds past -1
-        const float a = vertexAngle({fanX(k - 1), 0.3f + 0.001f * k}, {fanX(k), 0.301f + 0.001f * k},
-                                    {fanX(k + 1), 0.302f + 0.001f * k});
-        EXPECT_TRUE(std::isnan(a) || a > 179.9f) << a;
-    }
-    EXPECT_TRUE(std::isnan(vertexAngle({0.5f, 0.5f}, {0.5f, 0.5f}, {0.7f, 0.1f})));
-}
-
 TEST(LineStages, ChainGrowsFromTheLongestNearPortRun) {
     // The seed is the longest of the first half of the runs that start before
     // the centre; a two-beam run is passed over, not a stop.
