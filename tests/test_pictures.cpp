@@ -198,43 +198,6 @@ TEST(Wedge, RemapWeightsBoundsGainModesAndClipping) {
         render(mode, 1.0f, N, 1);
         EXPECT_EQ(std::count(out.begin(), out.end(), 77), N + 4);
     }
-    // A height-fitted grid narrower than the raster is centred; a wider one
-    // (offset -2) loses both edges, and rows beyond the raster are dropped.
-    for (int cols : {6, 14}) {
-        const int W = 10, H = 2;
-        og.handMade(W, 3, cols, 1);
-        std::fill(og.beam.begin(), og.beam.end(), 1.25f);
-        std::fill(og.range.begin(), og.range.end(), 1.0f);
-        out.assign(W * H + 16, 0);
-        render(1, 1.0f, W, H);
-        for (int i = 0; i < W * H + 16; ++i) {
-            const int c = i % W - (W - cols) / 2;
-            EXPECT_EQ(out[i], i < W * H && c >= 0 && c < cols ? 22 : 0) << cols << ":" << i;
-        }
-    }
-}
-
-// Equal-distance beams: grid position j reads beam sourceBeam[j] + 1 one
-// sample on; positions past the last beam keep their previous source, the
-// last re-grid row keeps its content.
-TEST(Wedge, RegridOfEqualDistanceBeams) {
-    const int B = 8, S = 6;
-    const float angles[B] = {-40, -25, -14, -5, 3, 11, 20, 30};  // grid: -40 + 12.5 j, to 47.5
-    std::vector<float> img(B * S);
-    for (int i = 0; i < B * S; ++i) img[i] = static_cast<float>(i);
-    OwnGrid og(1);
-    og.handMade(1, 1, 1, 0);
-    std::vector<uint8_t> out(1);
-    OwnWork work;
-    std::fill(work.sourceBeam.begin(), work.sourceBeam.end(), 3);
-    std::fill(work.regrid.begin(), work.regrid.end(), -1.0f);
-    renderWaterColumnImage(img.data(), B, S, angles, 40, 60, 2, 1.0f, out.data(), 1, 1, &og.g, &work.w);
-    const int source[B] = {0, 0, 1, 3, 4, 6, 3, 3};
-    for (int j = 0; j < B; ++j) {
-        EXPECT_EQ(work.sourceBeam[j], source[j]) << j;
-        for (int i = 0; i + 1 < S; ++i) EXPECT_EQ(work.regrid[i * B + j], img[(source[j] + 1) * S + i + 1]);
-        EXPECT_EQ(work.regrid[(S - 1) * B + j], -1.0f);
-    }
 }
 
 namespace {
