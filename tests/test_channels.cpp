@@ -78,44 +78,6 @@ TEST(FirstEchoHistory, OverlappingShiftAndMedian) {
     EXPECT_EQ(g, (std::vector<int32_t>{80, 10, 20, 30, 40, 40, 60}));
 }
 
-// A mask of 0/1 floats with the given runs set high.
-std::vector<float> maskWithHighRuns(int n, std::initializer_list<std::pair<int, int>> runs) {
-    std::vector<float> m(n, 0.0f);
-    for (auto [from, to] : runs)
-        for (int t = from; t <= to; ++t) m[t] = 1.0f;
-    return m;
-}
-
-TEST(FirstEchoRise, EdgesGapsAndWalkOverBursts) {
-    const int n = 500;
-    const std::vector<float> flat(n, 1.0f);
-    auto rise = [&](std::initializer_list<std::pair<int, int>> runs) {
-        return kvane::pickFirstEchoRise(maskWithHighRuns(n, runs).data(), flat.data(), n);
-    };
-    EXPECT_EQ(rise({}), 20);  // never rising: all low, or high from sample 19 on
-    EXPECT_EQ(rise({{19, n - 1}}), 20);
-    EXPECT_EQ(rise({{101, n - 1}}), 100);               // the gap runs from 20 to the rise
-    EXPECT_EQ(rise({{0, 59}, {151, n - 1}}), 150);      // the rise, not the fall at 60
-    // Gaps [20, 100] and [f, 300], the second closed by the echo.
-    auto pick = [&](int nextFall, float firstLevel, float secondLevel) {
-        std::vector<float> trace(n, 50.0f);
-        for (int t = 0; t <= 100; ++t) trace[t] = firstLevel;
-        for (int t = nextFall; t <= 300; ++t) trace[t] = secondLevel;
-        const auto mask = maskWithHighRuns(n, {{101, nextFall - 1}, {301, n - 1}});
-        return kvane::pickFirstEchoRise(mask.data(), trace.data(), n);
-    };
-    // The next gap opening 50 samples after the rise is stepped into, 51 stops.
-    EXPECT_EQ(pick(150, 1.0f, 1.0f), 300);
-    EXPECT_EQ(pick(151, 1.0f, 1.0f), 100);
-    // Level of the next gap: exactly 1.2 times the quietest goes on (6 = 1.2 * 5
-    // in double), the float nearest 1.2 is above 1.2 in double and stops.
-    EXPECT_EQ(pick(120, 5.0f, 6.0f), 300);
-    EXPECT_EQ(pick(120, 1.0f, 1.2f), 100);
-    // The walk starts at the quietest gap and never goes back.
-    EXPECT_EQ(pick(200, 3.0f, 1.0f), 300);
-    EXPECT_EQ(pick(200, 1.0f, 1.1f), 100);
-}
-
 // 64 channels of noise about 1.0 after scaling, random phases, and an echo of
 // amplitude `echo` over raw samples [onset, onset + 300).
 int32_t firstEchoOfPing(int n, int onset, float echo, uint32_t seed) {
