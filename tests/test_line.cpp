@@ -62,20 +62,6 @@ struct Fan {
 
 }  // namespace
 
-TEST(LineStages, ChainGrowsFromTheLongestNearPortRun) {
-    // The seed is the longest of the first half of the runs that start before
-    // the centre; a two-beam run is passed over, not a stop.
-    Fan flat(256);
-    std::fill_n(flat.row(0), 256, 2000.0f);
-    std::fill_n(flat.bottom.begin(), 256, 2000.0f);
-    float start[256] = {2, 20, 105, 112, 115, 130}, end[256] = {10, 100, 110, 113, 120, 250};
-    int32_t count = 6;
-    extendBottomChain(flat.candidates.data(), 256.0f, kSamples, start, end, &count, flat.bottom.data());
-    ASSERT_EQ(count, 4);
-    EXPECT_EQ(std::vector<float>(start, start + 4), (std::vector<float>{20, 105, 115, 130}));
-    EXPECT_EQ(std::vector<float>(end, end + 4), (std::vector<float>{100, 110, 120, 250}));
-}
-
 TEST(TraceBottom, FlatSeabedIsTracedIntact) {
     Fan fan(256);
     std::mt19937 rng(7);
@@ -121,23 +107,6 @@ TEST(TraceBottom, RunsHuggingTheEndsOfTheFan) {
     starboard.trace();
     for (int j = 231; j <= 255; ++j) EXPECT_EQ(starboard.bottom[j], 6000.0f) << j;
     EXPECT_EQ(starboard.bottom[230], starboard.truth[228]);
-}
-
-TEST(TraceBottom, SmallerFansAreDecidedByTheMirroredPass) {
-    // The 256-beam constants leave the mirrored pass without a closed run;
-    // its line (row 0, last beam blanked) stands, and nothing beyond the fan.
-    for (int B : {64, 128}) {
-        Fan fan(B);
-        fan.trace();
-        fan.expectLine({{B - 1, {fan.truth[B - 2], 2}}});
-        for (int j = B; j < 256; ++j) EXPECT_EQ(fan.bottom[j], 0.0f) << j;
-        EXPECT_TRUE(fan.guardsIntact());
-    }
-    // With a closed mirrored run, left1 still counts from 255 and covers the fan.
-    Fan fan(64);
-    fan.row(0)[5] = 600.0f;
-    fan.trace();
-    fan.expectLine({{5, {fan.truth[6], 2}}, {63, {fan.truth[62], 2}}});
 }
 
 TEST(TraceBottom, StaysInBoundsOnAnyInput) {

@@ -118,22 +118,6 @@ TEST(Tracker, SeedFromTheCausalMedianOrTheLastPing) {
     EXPECT_EQ(run(0, 100), std::make_pair(80, 100));  // 25 percent off: the last ping wins
 }
 
-TEST(Tracker, NoCandidatesAtAll) {
-    // the start falls back to the seed (the median of empty slots, or the last ping)
-    Swath s(true);
-    s.detected(50.0f);
-    for (int b = 0; b < kB; ++b) {
-        const bool centre = b == kHalf - 1 || b == kHalf;
-        EXPECT_EQ(s.tracked[b], centre ? 1 : 0) << b;
-        EXPECT_EQ(s.flag[b], centre ? 1 : 2) << b;
-    }
-    // the raw walker always yields a value: the seed carried across the fan
-    s.centre[0] = s.centre[1] = 70;
-    s.raw(50.0f);
-    for (int b = 0; b < kB; ++b)
-        EXPECT_NEAR(s.tracked[b], 70.0 / std::cos(s.angles[b] / 57.29578), 0.501) << b;
-}
-
 TEST(Tracker, DoubtfulBeamsLookAheadAndAtTheHistory) {
     // At nadir, with every slot of a beam holding the same detection.
     auto swath = [](int from, int to, int historyAt, float historyValue) {
