@@ -45,8 +45,11 @@ std::vector<uint8_t> footprint(const KVaneResult& r, const HostBuffers& h) {
     return out;
 }
 
-// One simulated ping and its blocks over exactly sized host buffers, with the
-// same samples as one raw buffer (plane I, then plane Q).
+using SetParams = std::function<void(KVaneParams&, const kvsim::SimPing&)>;
+
+// One simulated ping (of a rolling ship when asked) and its blocks, the
+// parameters changed by `set` before the host buffers are sized for them, and
+// the same samples as one raw buffer (plane I, then plane Q).
 struct Ping {
     kvsim::SimPing sim;
     KVaneParams params;
@@ -54,12 +57,18 @@ struct Ping {
     KVaneInput input;
     std::vector<int32_t> raw;
     KVaneResult result = sentinelResult();
-    Ping(int beams, int samples, double depth = 20.0)
-        : sim(kvrel::simulatedPing(depth, samples, 0)), params(typicalParams(beams)),
+    Ping(int beams, int samples, double depth = 20.0, double roll = 0.0, const SetParams& set = {})
+        : sim(kvrel::simulatedPing(depth, samples, 0, 7, roll)), params(paramsFor(beams, sim, set)),
           host(params, samples), input(kvrel::inputOf(sim)), raw(sim.planeI) {
         raw.insert(raw.end(), sim.planeQ.begin(), sim.planeQ.end());
         host.attach(&result);
     }
+    static KVaneParams paramsFor(int beams, const kvsim::SimPing& sim, const SetParams& set) {
+        KVaneParams p = typicalParams(beams);
+        if (set) set(p, sim);
+        return p;
+    }
+    void process() { kVaneProcess20(&params, &input, &result); }
     int32_t rawBytes() const { return static_cast<int32_t>(raw.size() * 4); }
     // Runs `call` on a fresh sentinel result (first changed by `spoil`): true
     // when the ping did not run and left every byte it may write alone.
@@ -84,7 +93,7 @@ protected:
 TEST(Lifecycle, PingsRunOnlyBetweenMallocAndFree) {
     Ping ping(128, 300);
     auto skipped = [&ping] {
-        return ping.refused([&] { kVaneProcess20(&ping.params, &ping.input, &ping.result); }) &&
+        return ping.refused([&] { ping.process(); }) &&
                ping.refused([&] {
                    kVaneProcess7420(&ping.params, nullptr, &ping.result, ping.raw.data(), ping.rawBytes());
                });
@@ -175,7 +184,7 @@ TEST_F(Reliability, RawEntryReadsPlaneQAtHalfAnOddBuffer) {
     const kvane::KVaneRetained start = kvane::retained;
     kVaneProcess7420(&viaRaw.params, nullptr, &viaRaw.result, raw.data(), rawBytes);
     kvane::retained = start;
-    kVaneProcess20(&viaInput.params, &viaInput.input, &viaInput.result);
+    viaInput.process();
 
     ASSERT_TRUE(kvrel::pingRan(viaRaw.result));
     // Compared as bytes: the guard zones hold NaNs.
@@ -271,18 +280,15 @@ TEST_F(Reliability, ExtremeParametersStayInsideTheirBuffers) {
     constexpr size_t kTracedLine = 256;
     // One ping per case, in a row: state left by an extreme ping is used by the next one.
     for (const Extreme& c : extremeCases()) {
-        kvsim::SimPing ping = kvrel::simulatedPing(c.depth, c.samples, 0);
-        KVaneParams params = typicalParams(c.beams);
-        params.gainSwitch = 1.0f;  // the smoothing path, with its larger image
-        c.set(params);
-        HostBuffers host(params, ping.sampleCount);
-        KVaneInput input = kvrel::inputOf(ping);
-        KVaneResult result = sentinelResult();
-        host.attach(&result);
-        const KVaneResult before = result;
-        kVaneProcess20(&params, &input, &result);
+        Ping ping(c.beams, c.samples, c.depth, 0.0, [&c](KVaneParams& p, const kvsim::SimPing&) {
+            p.gainSwitch = 1.0f;  // the smoothing path, with its larger image
+            c.set(p);
+        });
+        const KVaneResult before = ping.result;
+        ping.process();
+        const KVaneResult& result = ping.result;
         ASSERT_TRUE(kvrel::pingRan(result)) << c.name;
-        EXPECT_TRUE(host.guardsIntact()) << c.name << ": a host buffer overrun";
+        EXPECT_TRUE(ping.host.guardsIntact()) << c.name << ": a host buffer overrun";
         const size_t B = static_cast<size_t>(c.beams);
         EXPECT_TRUE(sameBytes(result.bottomSample + kTracedLine, before.bottomSample + kTracedLine,
                               4 * (1920 - kTracedLine)))
@@ -299,21 +305,17 @@ TEST_F(Reliability, ExtremeParametersStayInsideTheirBuffers) {
 // A count beyond the table is written back as 1 and the ping stays on the
 // segmented path (it writes segmentRoll); a count of 1 takes the one-shot path.
 TEST_F(Reliability, RollCountOutOfRangeIsWrittenBackAsOne) {
-    kvsim::SimPing ping = kvrel::simulatedPing(20.0, 200, 0, 7, 3.0);
     const int cases[][3] = {{101, 1, 1}, {-101, 1, 1}, {INT_MIN, 1, 1}, {100, 100, 1}, {-100, -100, 1}, {1, 1, 0}};
     for (const auto& [given, kept, segmented] : cases) {
-        KVaneParams params = typicalParams(64);
-        kvrel::useRollTable(&params, ping);
-        params.rollCount = given;
-        HostBuffers host(params, ping.sampleCount);
-        KVaneInput input = kvrel::inputOf(ping);
-        KVaneResult result = sentinelResult();
-        host.attach(&result);
-        kVaneProcess20(&params, &input, &result);
-        EXPECT_TRUE(kvrel::pingRan(result));
-        EXPECT_EQ(kept, params.rollCount) << "rollCount " << given;
+        Ping ping(64, 200, 20.0, 3.0, [given = given](KVaneParams& p, const kvsim::SimPing& sim) {
+            kvrel::useRollTable(&p, sim);
+            p.rollCount = given;
+        });
+        ping.process();
+        EXPECT_TRUE(kvrel::pingRan(ping.result));
+        EXPECT_EQ(kept, ping.params.rollCount) << "rollCount " << given;
         const KVaneResult sentinel = sentinelResult();
-        EXPECT_EQ(segmented == 1, !sameBytes(result.segmentRoll, sentinel.segmentRoll, 4)) << "rollCount " << given;
+        EXPECT_EQ(segmented == 1, !sameBytes(ping.result.segmentRoll, sentinel.segmentRoll, 4)) << "rollCount " << given;
     }
 }
 
