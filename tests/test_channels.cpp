@@ -1,10 +1,9 @@
-// test_channels.cpp - the head of the ping: channel conditioning, the
-// first-echo history, first echo detection and the channel gain equaliser.
+// test_channels.cpp - the head of the ping: first echo detection and the
+// channel gain equaliser.
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstdint>
-#include <limits>
 #include <vector>
 
 #include "driver/driver.h"
@@ -43,40 +42,6 @@ struct Lcg {  // uniform in [0, 1)
         return static_cast<float>(s >> 8) / 16777216.0f;
     }
 };
-
-TEST(ChannelConditioning, ScalesFullRangeAndShiftsFifteenSamples) {
-    for (int n : {15, 40}) {
-        std::vector<int32_t> pi(kCh * n), pq(kCh * n);
-        for (int i = 0; i < kCh * n; ++i) {
-            pi[i] = i * 1000 + 7;
-            pq[i] = -pi[i];
-        }
-        pi[5 * n + 14] = std::numeric_limits<int32_t>::max();
-        pq[5 * n + 14] = std::numeric_limits<int32_t>::min();
-        const Channels ch = condition(pi, pq, n);
-        EXPECT_NEAR(ch.chI[5 * n + 14], 10737.418f, 0.01f);
-        EXPECT_NEAR(ch.chQ[5 * n + 14], -10737.418f, 0.01f);
-        for (int c = 0; c < kCh; ++c)
-            for (int t = 0; t < n; ++t) {
-                // Sample t + 15 moves to t; the last 15 (and rows of 15 or fewer) stay.
-                const int src = n > 15 && t < n - 15 ? t + 15 : t;
-                const double want = static_cast<double>(pi[c * n + src]) * 5e-6;
-                const cfloat r = ch.raw[c * n + t];
-                ASSERT_NEAR(r.re, want, 1e-6 * std::fabs(want) + 1e-6) << n << " " << c << " " << t;
-                ASSERT_NEAR(r.im, -want, 1e-6 * std::fabs(want) + 1e-6);
-                ASSERT_EQ(r.re, ch.filtered[c * n + t].re);  // the one-tap filter is 1.0
-                ASSERT_EQ(r.im, ch.filtered[c * n + t].im);
-            }
-    }
-}
-
-TEST(FirstEchoHistory, OverlappingShiftAndMedian) {
-    std::vector<int32_t> h(7, 0), g{10, 20, 30, 40, 50, 60, 70};
-    EXPECT_EQ(kvane::updateFirstEchoHistory(h.data(), 50), 50);  // median 0: the largest stands in
-    EXPECT_EQ(h, (std::vector<int32_t>{50, 0, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(kvane::updateFirstEchoHistory(g.data(), 80), 40);
-    EXPECT_EQ(g, (std::vector<int32_t>{80, 10, 20, 30, 40, 40, 60}));
-}
 
 // 64 channels of noise about 1.0 after scaling, random phases, and an echo of
 // amplitude `echo` over raw samples [onset, onset + 300).

@@ -141,14 +141,6 @@ TEST(FindDropPoints, CrossingsWholeSidesAndTheMean) {
     EXPECT_EQ(dropsOf(std::vector<float>(6, 0.0f), 20, 1), Ints(5, 18));
 }
 
-TEST(QuadraticRoot, ChoosesTheRootInRange) {
-    // Roots 2 and 5: the smaller in range; both negative, none real, a double
-    // root and a linear equation give 0.
-    const float cases[8][5] = {{1, -7, 10, 10, 2}, {-1, 7, -10, 10, 2}, {1, -7, 10, 4, 2}, {-1, 7, -10, 1.5f, 0},
-                               {1, 7, 10, 10, 0},  {1, 0, 1, 10, 0},    {1, -4, 4, 10, 0}, {0, 2, -6, 10, 0}};
-    for (const auto& c : cases) EXPECT_FLOAT_EQ(kvane::quadraticRoot(c[0], c[1], c[2], c[3]), c[4]) << c[0] << c[1];
-}
-
 TEST(FitQuadraticRobust, ExactDataAndAFarOutlier) {
     std::vector<float> y(21), scratch(10 * 21), c(3);
     for (int k = 1; k <= 21; ++k) y[k - 1] = -0.01f * k * k + 0.3f * k - 0.8f;

@@ -125,14 +125,3 @@ TEST(TraceBottom, StaysInBoundsOnAnyInput) {
         }
     }
 }
-
-TEST(CompleteBottomLine, CopiesOutwardFromTheCentre) {
-    // the centre beam that took its outer neighbour's value ends flagged as its own
-    float line[11] = {0, 3, 0, 3, 3, 0, 8, 0, 0, 8, 0};
-    uint8_t flag[10] = {};
-    completeBottomLine(line, flag, 10);
-    const std::vector<float> want = {3, 3, 3, 3, 3, 8, 8, 8, 8, 8};
-    const std::vector<uint8_t> wantFlag = {2, 1, 2, 1, 1, 1, 1, 2, 2, 1};
-    EXPECT_EQ(std::vector<float>(line, line + 10), want);
-    EXPECT_EQ(std::vector<uint8_t>(flag, flag + 10), wantFlag);
-}
