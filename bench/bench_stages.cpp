@@ -97,7 +97,7 @@ void Stage_conditionChannels(benchmark::State& state) {
     primeWorkspace();
     const KVaneInput& in = reference().ping->input;
     for (auto _ : state) {
-        conditionChannels(ws.rawChannels, ws.filteredChannels, ws.channelI, ws.channelQ,
+        conditionChannels(ws.rawChannels, ws.filteredChannels,
                           in.planeI, in.planeQ, n);
         benchmark::ClobberMemory();
     }

@@ -16,14 +16,11 @@ constexpr int kCh = 64;
 
 struct Channels {
     std::vector<cfloat> raw, filtered;
-    std::vector<float> chI, chQ;
 };
 
 Channels condition(const std::vector<int32_t>& planeI, const std::vector<int32_t>& planeQ, int n) {
-    Channels c{std::vector<cfloat>(kCh * n), std::vector<cfloat>(kCh * n), std::vector<float>(kCh * n),
-               std::vector<float>(kCh * n)};
-    kvane::conditionChannels(c.raw.data(), c.filtered.data(), c.chI.data(), c.chQ.data(),
-                             planeI.data(), planeQ.data(), n);
+    Channels c{std::vector<cfloat>(kCh * n), std::vector<cfloat>(kCh * n)};
+    kvane::conditionChannels(c.raw.data(), c.filtered.data(), planeI.data(), planeQ.data(), n);
     return c;
 }
 
@@ -57,6 +54,25 @@ int32_t firstEchoOfPing(int n, int onset, float echo, uint32_t seed) {
             pq[c * n + t] = static_cast<int32_t>(a * std::sin(phase));
         }
     return firstEchoOf(condition(pi, pq, n).raw, n);
+}
+
+TEST(ChannelConditioning, ScalesAndDropsFifteenSamplesKeepingTheTail) {
+    for (int n : {15, 16, 40}) {
+        std::vector<int32_t> pi(kCh * n), pq(kCh * n);
+        for (int i = 0; i < kCh * n; ++i) pi[i] = pq[i] = (i % n) * 1000 + i / n;
+        pq[3 * n + n - 1] = std::numeric_limits<int32_t>::min();
+        const Channels ch = condition(pi, pq, n);
+        const int shift = n > 15 ? 15 : 0;
+        for (int c : {0, 3, 63})
+            for (int t = 0; t < n; ++t) {
+                const int from = t < n - shift ? t + shift : t;  // the tail repeats
+                const cfloat v = ch.raw[c * n + t];
+                ASSERT_EQ(v.re, static_cast<float>(pi[c * n + from]) * 5e-6f) << n << " " << c << " " << t;
+                ASSERT_EQ(v.im, static_cast<float>(pq[c * n + from]) * 5e-6f) << n << " " << c << " " << t;
+                ASSERT_EQ(ch.filtered[c * n + t].re, v.re);
+                ASSERT_EQ(ch.filtered[c * n + t].im, v.im);
+            }
+    }
 }
 
 TEST(FirstEcho, FallBackEchoOnsetAndBurstsInTheWater) {

@@ -18,38 +18,52 @@ inline int32_t loadSample(const int32_t* p) {
 }
 }  // namespace
 
-void conditionChannels(cfloat* rawChannels, cfloat* filteredChannels, float* channelI,
-                       float* channelQ, const int32_t* planeI, const int32_t* planeQ, int32_t n) {
-    if (n < 1) return;
-    const int64_t total = static_cast<int64_t>(kChannels) * n;
-    // The channel filter has one tap: a window of length 1 leaves it alone and
-    // the division by the tap sum makes it exactly 1.0, so the filtered channels
-    // equal the raw ones before the optional gains.
+namespace {
+
+// Samples from..to-1 of one row, each read at t + offset: scaled, and
+// through the channel filter. The channel filter has one tap: a window of
+// length 1 leaves it alone and the division by the tap sum makes it exactly
+// 1.0, so the filtered channels equal the raw ones before the optional gains.
+KVANE_LOOP_BODY void scaleSamples(cfloat* raw, cfloat* filt, const int32_t* rowI,
+                                  const int32_t* rowQ, int32_t from, int32_t to,
+                                  int32_t offset) {
     const float tap = 1.0f;
+    for (int32_t t = from; t < to; ++t) {
+        const float i = static_cast<float>(loadSample(rowI + t + offset)) * kSampleScale;
+        const float q = static_cast<float>(loadSample(rowQ + t + offset)) * kSampleScale;
+        raw[t] = cfloat{i, q};
+        filt[t] = cfloat{i * tap, q * tap};
+    }
+}
+KVANE_AVX2 void scaleSamplesAvx2(cfloat* raw, cfloat* filt, const int32_t* rowI,
+                                 const int32_t* rowQ, int32_t from, int32_t to, int32_t offset) {
+    scaleSamples(raw, filt, rowI, rowQ, from, to, offset);
+}
+
+}  // namespace
+
+void conditionChannels(cfloat* rawChannels, cfloat* filteredChannels, const int32_t* planeI,
+                       const int32_t* planeQ, int32_t n) {
+    if (n < 1) return;
+    // The first 15 samples are dropped; the last 15 positions keep their own
+    // samples, so the row ends with 15 repeated samples. Rows of 15 or fewer
+    // samples stay unshifted. Each position is written once, from the sample
+    // it ends up holding.
+    const int32_t shifted = n - 15 >= 1 ? n - 15 : 0;
+    const bool avx2 = cpuHasAvx2();
 #pragma omp parallel for num_threads(teamSize()) schedule(static)
     for (int32_t c = 0; c < kChannels; ++c) {
         const int64_t row = static_cast<int64_t>(c) * n;
-        float* ci = channelI + row;
-        float* cq = channelQ + row;
-        for (int32_t t = 0; t < n; ++t) {
-            ci[t] = static_cast<float>(loadSample(planeI + row + t)) * kSampleScale;
-            cq[t] = static_cast<float>(loadSample(planeQ + row + t)) * kSampleScale;
-        }
         cfloat* raw = rawChannels + row;
         cfloat* filt = filteredChannels + row;
-        for (int32_t t = 0; t < n; ++t) {
-            filt[t] = cfloat{ci[t] * tap, cq[t] * tap};
-            raw[t] = cfloat{ci[t], cq[t]};
-        }
-        // Drop the first 15 samples; the last 15 positions keep their values,
-        // so the row ends with 15 repeated samples. Rows of 15 or fewer
-        // samples stay unshifted.
-        if (n - 15 >= 1) {
-            std::memmove(raw, raw + 15, sizeof(cfloat) * static_cast<std::size_t>(n - 15));
-            std::memmove(filt, filt + 15, sizeof(cfloat) * static_cast<std::size_t>(n - 15));
+        if (avx2) {
+            scaleSamplesAvx2(raw, filt, planeI + row, planeQ + row, 0, shifted, 15);
+            scaleSamplesAvx2(raw, filt, planeI + row, planeQ + row, shifted, n, 0);
+        } else {
+            scaleSamples(raw, filt, planeI + row, planeQ + row, 0, shifted, 15);
+            scaleSamples(raw, filt, planeI + row, planeQ + row, shifted, n, 0);
         }
     }
-    (void)total;
 }
 
 int32_t updateFirstEchoHistory(int32_t* history, int32_t first) {

@@ -25,10 +25,9 @@ constexpr float kSampleScale = 5e-06f;
 
 // Integer planes (64 rows of n) to scaled complex channels, with the
 // one-tap channel filter and the 15-sample shift: rawChannels from the
-// scaled samples, filteredChannels after the filter. channelI, channelQ:
-// 64 * n floats of scratch.
-void conditionChannels(cfloat* rawChannels, cfloat* filteredChannels, float* channelI,
-                       float* channelQ, const int32_t* planeI, const int32_t* planeQ, int32_t n);
+// scaled samples, filteredChannels after the filter.
+void conditionChannels(cfloat* rawChannels, cfloat* filteredChannels, const int32_t* planeI,
+                       const int32_t* planeQ, int32_t n);
 
 // Folds this ping's first echo into the seven-entry history (newest first,
 // with its deliberate overlapping shift) and returns the smoothed

@@ -72,8 +72,7 @@ bool processPing(KVaneParams* params, KVaneInput* input, KVaneResult* result) {
     const int32_t B = params->beamCount;
 
     // 1. Scaled complex channels.
-    conditionChannels(ws.rawChannels, ws.filteredChannels, ws.channelI, ws.channelQ,
-                      input->planeI, input->planeQ, n);
+    conditionChannels(ws.rawChannels, ws.filteredChannels, input->planeI, input->planeQ, n);
 
     // 2. Default detector limits.
     DetectionLimits limits{100, 4000, 0, 1, params->soundSpeed, 0};

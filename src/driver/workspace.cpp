@@ -44,8 +44,6 @@ void buildWorkspace() {
     constexpr std::size_t kBeamSet = 2048000;
     constexpr std::size_t kLine = 8000;
 
-    ws.channelI = alloc<float>(kChannelSet);
-    ws.channelQ = alloc<float>(kChannelSet);
     ws.rawChannels = alloc<cfloat>(kChannelSet);
     ws.filteredChannels = alloc<cfloat>(kChannelSet);
     ws.channelEnvelope = alloc<float>(kChannelSet);
@@ -94,7 +92,7 @@ void buildWorkspace() {
 
     // Every buffer must exist before a ping may run; a failed allocation
     // leaves the workspace unbuilt and pings are skipped.
-    void* all[] = {ws.channelI, ws.channelQ, ws.rawChannels, ws.filteredChannels,
+    void* all[] = {ws.rawChannels, ws.filteredChannels,
                    ws.channelEnvelope, ws.magnitudeBySample, ws.gainReal, ws.formedBeamIq,
                    ws.splitBeamIq, ws.beamEnvelope, ws.steerMatrix,
                    ws.split.subBeamLow, ws.split.subBeamMid, ws.split.subBeamHigh,
@@ -111,8 +109,6 @@ void buildWorkspace() {
 }
 
 void releaseWorkspace() {
-    release(ws.channelI);
-    release(ws.channelQ);
     release(ws.rawChannels);
     release(ws.filteredChannels);
     release(ws.channelEnvelope);

@@ -18,8 +18,6 @@ namespace kvane {
 struct KVaneWorkspace {
     bool built;                  // between a Malloc and a Free
     bool built7420;              // built by kVaneMalloc7420
-    float* channelI;             // 512,000: plane I as scaled floats, channel-major
-    float* channelQ;             // 512,000
     cfloat* rawChannels;         // 512,000: shifted 15 samples
     cfloat* filteredChannels;    // 512,000: after the channel filter and gains
     float* channelEnvelope;      // 512,000: |rawChannels|, channel-major
