@@ -24,6 +24,7 @@
 #include <string>
 #include <vector>
 
+#include "cli.h"
 #include "kVane.h"
 #include "pictures.h"
 #include "harness.h"
@@ -31,7 +32,6 @@
 
 namespace {
 
-constexpr int kUsageError = 2;
 constexpr int kHarnessPingLimit = 199;  // the harness loops while its counter is below 200
 constexpr size_t kDisplayBytes = 1000000;
 constexpr size_t kSideScanFloats = 3200000;
@@ -156,22 +156,8 @@ struct Options {
     long long maxPings = kHarnessPingLimit;
 };
 
-[[noreturn]] void usageError(const std::string& message) {
-    std::fprintf(stderr, "kvane-replay: %s\n", message.c_str());
-    std::exit(kUsageError);
-}
-
-long long parseWhole(const std::string& what, const std::string& text, long long lo, long long hi) {
-    errno = 0;
-    char* end = nullptr;
-    const long long v = std::strtoll(text.c_str(), &end, 10);
-    if (text.empty() || *end != '\0' || errno == ERANGE)
-        usageError(what + ": '" + text + "' is not a whole number");
-    if (v < lo || v > hi)
-        usageError(what + ": " + text + " is out of range (" + std::to_string(lo) + " to " +
-                   std::to_string(hi) + ")");
-    return v;
-}
+using kvcli::parseWhole;
+using kvcli::usageError;
 
 // --set NAME=VALUE or NAME[INDEX]=VALUE; arrays need the index.
 void applySetting(KVaneParams* p, const std::string& setting) {
@@ -292,15 +278,7 @@ Options parseOptions(int argc, char** argv) {
             o.dither = false;
             continue;
         }
-        std::string value;
-        const size_t eq = arg.find('=');
-        if (eq != std::string::npos) {
-            value = arg.substr(eq + 1);
-            arg = arg.substr(0, eq);
-        } else {
-            if (i + 1 >= argc) usageError(arg + ": needs a value (see --help)");
-            value = argv[++i];
-        }
+        const std::string value = kvcli::optionValue(&arg, argc, argv, &i);
         if (arg == "--set") {
             applySetting(&o.base, value);
         } else if (arg == "--bottom-csv") {
@@ -413,6 +391,7 @@ bool writePictures(const Options& o, const PingOutputs& out) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    kvcli::programName = "kvane-replay";
     const Options opt = parseOptions(argc, argv);
 
     // Flush-to-zero and denormals-are-zero, for this thread, as the harness

@@ -7,11 +7,10 @@
 #include <cstring>
 #include <string>
 
+#include "cli.h"
 #include "simulate.h"
 
 namespace {
-
-constexpr int kUsageError = 2;
 
 void printHelp() {
     const kvsim::SimConfig d;
@@ -43,36 +42,14 @@ void printHelp() {
         d.rollPeriod, d.pingInterval, d.pulseLength, d.waterTargets, d.seed, d.echoLevel);
 }
 
-[[noreturn]] void usageError(const std::string& message) {
-    std::fprintf(stderr, "kvane-simulate: %s\n", message.c_str());
-    std::exit(kUsageError);
-}
-
-double parseNumber(const std::string& option, const std::string& text) {
-    errno = 0;
-    char* end = nullptr;
-    const double v = std::strtod(text.c_str(), &end);
-    if (text.empty() || *end != '\0' || errno == ERANGE || !std::isfinite(v))
-        usageError(option + ": '" + text + "' is not a number");
-    return v;
-}
-
-long long parseInteger(const std::string& option, const std::string& text, long long lo,
-                       long long hi) {
-    errno = 0;
-    char* end = nullptr;
-    const long long v = std::strtoll(text.c_str(), &end, 10);
-    if (text.empty() || *end != '\0' || errno == ERANGE)
-        usageError(option + ": '" + text + "' is not a whole number");
-    if (v < lo || v > hi)
-        usageError(option + ": " + text + " is out of range (" + std::to_string(lo) + " to " +
-                   std::to_string(hi) + ")");
-    return v;
-}
+using kvcli::parseNumber;
+using kvcli::usageError;
+using kvcli::parseWhole;
 
 }  // namespace
 
 int main(int argc, char** argv) {
+    kvcli::programName = "kvane-simulate";
     kvsim::SimConfig config;
     std::string out;
     for (int i = 1; i < argc; ++i) {
@@ -86,15 +63,7 @@ int main(int argc, char** argv) {
             out = arg;
             continue;
         }
-        std::string value;
-        const size_t eq = arg.find('=');
-        if (eq != std::string::npos) {
-            value = arg.substr(eq + 1);
-            arg = arg.substr(0, eq);
-        } else {
-            if (i + 1 >= argc) usageError(arg + ": needs a value (see --help)");
-            value = argv[++i];
-        }
+        const std::string value = kvcli::optionValue(&arg, argc, argv, &i);
         if (arg == "--out") {
             if (!out.empty()) usageError("more than one output file ('" + out + "', '" + value + "')");
             out = value;
@@ -103,9 +72,9 @@ int main(int argc, char** argv) {
         } else if (arg == "--slope") {
             config.slopeDeg = parseNumber(arg, value);
         } else if (arg == "--pings") {
-            config.pings = static_cast<int>(parseInteger(arg, value, 1, 1000000));
+            config.pings = static_cast<int>(parseWhole(arg, value, 1, 1000000));
         } else if (arg == "--samples") {
-            config.samples = static_cast<int>(parseInteger(arg, value, 1, kvsim::kMaxSamples));
+            config.samples = static_cast<int>(parseWhole(arg, value, 1, kvsim::kMaxSamples));
         } else if (arg == "--snr") {
             config.snrDb = parseNumber(arg, value);
         } else if (arg == "--sound-speed") {
@@ -119,9 +88,9 @@ int main(int argc, char** argv) {
         } else if (arg == "--pulse-length") {
             config.pulseLength = parseNumber(arg, value);
         } else if (arg == "--targets") {
-            config.waterTargets = static_cast<int>(parseInteger(arg, value, 0, 10000));
+            config.waterTargets = static_cast<int>(parseWhole(arg, value, 0, 10000));
         } else if (arg == "--seed") {
-            config.seed = static_cast<uint32_t>(parseInteger(arg, value, 0, 4294967295LL));
+            config.seed = static_cast<uint32_t>(parseWhole(arg, value, 0, 4294967295LL));
         } else if (arg == "--echo-level") {
             config.echoLevel = parseNumber(arg, value);
         } else {
