@@ -181,6 +181,13 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
             const int32_t blocks = productBlockCount(B, n);
             const bool byColumns = n >= 2 * kProductColumns;
             const int32_t tiles = (n + kProductColumns - 1) / kProductColumns;
+            // The image of columns k * 256 to k * 256 + 255.
+            auto conditionBlock = [&](int32_t k) {
+                const int32_t col0 = k * kProductColumns;
+                const int32_t cols = n - col0 < kProductColumns ? n - col0 : kProductColumns;
+                conditionBeamColumns(io->beamEnvelope, io->beamImage, io->formedBeamIq + col0, n,
+                                     B, n, clipRatio, col0, cols);
+            };
 #pragma omp parallel num_threads(teamSize())
             {
 #pragma omp for schedule(static)
@@ -191,23 +198,11 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
                 for (int32_t k = 0; k < blocks; ++k) {
                     productBlock(k, B, n, kChannels, io->steerMatrix, kChannels,
                                  io->filteredChannels, n, io->formedBeamIq, n);
-                    if (image && byColumns) {
-                        const int32_t col0 = k * kProductColumns;
-                        const int32_t cols = n - col0 < kProductColumns ? n - col0 : kProductColumns;
-                        conditionBeamColumns(io->beamEnvelope, io->beamImage,
-                                             io->formedBeamIq + col0, n, B, n, clipRatio, col0,
-                                             cols);
-                    }
+                    if (image && byColumns) conditionBlock(k);
                 }
                 if (image && !byColumns) {
 #pragma omp for schedule(static)
-                    for (int32_t k = 0; k < tiles; ++k) {
-                        const int32_t col0 = k * kProductColumns;
-                        const int32_t cols = n - col0 < kProductColumns ? n - col0 : kProductColumns;
-                        conditionBeamColumns(io->beamEnvelope, io->beamImage,
-                                             io->formedBeamIq + col0, n, B, n, clipRatio, col0,
-                                             cols);
-                    }
+                    for (int32_t k = 0; k < tiles; ++k) conditionBlock(k);
                 }
             }
         }
