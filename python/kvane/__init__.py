@@ -12,10 +12,14 @@ The library is found through KVANE_LIBRARY, then build/libkvane.so at the top
 of the source tree, then the system's library path.
 """
 
+__version__ = "0.1.0"
+
 from .blocks import DEFAULTS, PARAMETER_NAMES, KVaneInput, KVaneParams, KVaneResult, Params
 from .library import DenormalsFlushed, load_library
 from .recording import Ping, RecordingError, encode_record, read_recording, roll_parameters, write_recording
 from .workspace import PingResult, Workspace, side_scan_rows
+from .soundings import Soundings, compute_soundings
+from .products import process_recording, soundings_rows, write_soundings_csv
 
 
 def plot_ping(result, path=None, **options):
@@ -45,4 +49,9 @@ __all__ = [
     "Workspace",
     "side_scan_rows",
     "plot_ping",
+    "Soundings",
+    "compute_soundings",
+    "process_recording",
+    "soundings_rows",
+    "write_soundings_csv",
 ]

@@ -6,6 +6,7 @@ source tree), then the system's library path. The library is loaded on first
 use, so reading and plotting recordings work without it.
 """
 
+import _ctypes
 import ctypes
 import ctypes.util
 import os
@@ -146,3 +147,46 @@ class DenormalsFlushed:
             self._libm.fesetenv(ctypes.byref(self._saved))
             self._saved = None
         return False
+
+
+def _loaded_path(lib):
+    """The file the dynamic loader mapped for lib (its name may be a bare
+    soname found on the library path)."""
+    if os.path.sep in lib._name:
+        return os.path.realpath(lib._name)
+    wanted = os.path.basename(lib._name)
+    with open("/proc/self/maps") as maps:
+        for line in maps:
+            path = line.split(maxsplit=5)[-1].strip()
+            if os.path.basename(path).startswith(wanted):
+                return path
+    raise OSError(f"cannot find the file behind {lib._name} in /proc/self/maps")
+
+
+def load_private_library():
+    """A private image of the library: loaded from an in-memory copy of the
+    file, so its retained state (first-echo history, tracker seeds, the
+    first-ping marks) starts as in a new process. The kernel keeps that state
+    in static storage and no entry point resets it; a private image is how one
+    process runs recordings one after another and gets, for each, the numbers
+    a fresh process would. Release it with release_private_library once its
+    workspace is freed. Linux only (memfd); raises OSError elsewhere."""
+    shared = load_library()  # keeps OpenBLAS and the OpenMP runtime loaded for good
+    if not hasattr(os, "memfd_create"):
+        raise OSError("a private library image needs memfd_create (Linux)")
+    path = _loaded_path(shared)
+    with open(path, "rb") as source:
+        image = source.read()
+    fd = os.memfd_create("libkvane-private", 0)
+    try:
+        os.write(fd, image)
+        lib = ctypes.CDLL(f"/proc/self/fd/{fd}")
+    finally:
+        os.close(fd)
+    return _declare(lib)
+
+
+def release_private_library(lib):
+    """Unloads an image from load_private_library. Its workspace must be
+    freed; nothing of the image runs afterwards."""
+    _ctypes.dlclose(lib._handle)

@@ -8,7 +8,7 @@ import weakref
 import numpy as np
 
 from .blocks import CHANNELS, MAX_SAMPLES, KVaneInput, KVaneResult, Params
-from .library import DenormalsFlushed, load_library
+from .library import DenormalsFlushed, load_library, load_private_library, release_private_library
 
 # Capacity of the host's side-scan buffer: 200 rows of 16000 floats always
 # suffice for the waterfall.
@@ -95,9 +95,14 @@ class Workspace:
 
     flush_denormals: run pings with flush-to-zero and denormals-are-zero, as
     the replay tool does (x86-64 Linux), so both give the same numbers.
+
+    fresh_state: run on a private image of the library whose retained state
+    starts as in a new process, and unload it at close. The pings then give
+    the numbers a fresh process gives, whatever ran before in this one
+    (kvane.process_recording works this way). Linux only.
     """
 
-    def __init__(self, flush_denormals=True):
+    def __init__(self, flush_denormals=True, fresh_state=False):
         global _live
         library = load_library()
         with _state_lock:
@@ -106,6 +111,9 @@ class Workspace:
                     "a kvane.Workspace is already live in this process; the kernel's "
                     "workspace is process-wide, close the other one first"
                 )
+            self._private = fresh_state
+            if fresh_state:
+                library = load_private_library()
             self._library = library
             self._flush = flush_denormals
             with DenormalsFlushed(self._flush):
@@ -125,6 +133,9 @@ class Workspace:
             self._library.kVaneFree()
             self._open = False
             _live = None
+            if self._private:
+                release_private_library(self._library)
+                self._library = None
 
     def __enter__(self):
         if not self._open:

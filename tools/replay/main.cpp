@@ -29,6 +29,7 @@
 #include "pictures.h"
 #include "harness.h"
 #include "recording.h"
+#include "soundings.h"
 
 namespace {
 
@@ -148,7 +149,7 @@ std::string fieldValue(const KVaneParams& p, const ParamField& f, int index) {
 struct Options {
     std::string recording;
     KVaneParams base = kvreplay::harnessParams();
-    std::string bottomCsv, flagsCsv, picturePrefix;
+    std::string bottomCsv, flagsCsv, soundingsCsv, picturePrefix;
     bool rollFromAux = false;
     bool dither = true;
     int pictureEvery = 0;
@@ -232,6 +233,10 @@ void printHelp() {
         "                         +-0.5 sample dither of the raw-buffer entry point)\n"
         "  --bottom-csv FILE      per ping: ping number, then bottomSample of every beam\n"
         "  --flags-csv FILE       per ping: ping number, then bottomFlag of every beam\n"
+        "  --soundings FILE       soundings in metres, one line per beam with a bottom:\n"
+        "                         ping,beam,angle_deg,range_m,across_m,depth_m,flag (from the\n"
+        "                         kernel's bottom line before the dither; on the one-shot path\n"
+        "                         the angles are corrected with the record's roll table)\n"
         "  --pictures PREFIX      write PNG pictures PREFIXping<N>-{wedge,waterfall,beams}.png\n"
         "                         (default: of the last ping only)\n"
         "  --picture-every N      ... of every ping whose number is a multiple of N\n"
@@ -285,6 +290,8 @@ Options parseOptions(int argc, char** argv) {
             o.bottomCsv = value;
         } else if (arg == "--flags-csv") {
             o.flagsCsv = value;
+        } else if (arg == "--soundings") {
+            o.soundingsCsv = value;
         } else if (arg == "--pictures") {
             o.picturePrefix = value;
         } else if (arg == "--picture-every") {
@@ -406,6 +413,10 @@ int main(int argc, char** argv) {
     }
     File bottomCsv = openOutput(opt.bottomCsv);
     File flagsCsv = openOutput(opt.flagsCsv);
+    File soundingsCsv = openOutput(opt.soundingsCsv);
+    if (soundingsCsv) std::fprintf(soundingsCsv.get(), "%s\n", kvproducts::kSoundingsHeader);
+    std::vector<kvproducts::Sounding> soundings(256);
+    float kernelBottom[256];
 
     kVaneMalloc7420();
     double total = 0.0;
@@ -431,10 +442,11 @@ int main(int argc, char** argv) {
         lc = record.lc;
 
         refreshPerPing(&params, opt.base);
+        kvreplay::RollTable roll;
+        std::string why;
+        const bool haveRoll = kvreplay::decodeRollAux(record.aux, &roll, &why);
         if (opt.rollFromAux) {
-            kvreplay::RollTable roll;
-            std::string why;
-            if (!kvreplay::decodeRollAux(record.aux, &roll, &why)) {
+            if (!haveRoll) {
                 failure = "record " + std::to_string(ping) + ": " + why;
                 break;
             }
@@ -454,8 +466,11 @@ int main(int argc, char** argv) {
         PingOutputs out = allocateOutputs(params, sampleBytes, n);
         KVaneInput input{planeI.data(), planeQ.data(), n};
 
+        // The kernel may write rollCount back: the path is decided before the call.
+        const bool segmented = params.rollCount != 1;
         const auto start = std::chrono::steady_clock::now();
         kVaneProcess20(&params, &input, out.result.get());
+        if (soundingsCsv) std::memcpy(kernelBottom, out.result->bottomSample, sizeof kernelBottom);
         if (opt.dither) ditherBottom(out.result.get());
         const auto stop = std::chrono::steady_clock::now();
         const double elapsed = std::chrono::duration<double>(stop - start).count();
@@ -468,6 +483,20 @@ int main(int argc, char** argv) {
             for (int b = 0; b < beams; ++b)
                 std::fprintf(bottomCsv.get(), ",%.9g", static_cast<double>(out.result->bottomSample[b]));
             std::fprintf(bottomCsv.get(), "\n");
+        }
+        if (soundingsCsv) {
+            // One-shot pings steer in the array frame: the record's roll table,
+            // where it has one, turns their angles to the earth frame.
+            kvproducts::RollSamples rollSamples;
+            if (haveRoll && !segmented) {
+                rollSamples.pingTime = roll.pingTime;
+                rollSamples.time = roll.time;
+                rollSamples.angle = roll.angle;
+            }
+            kvproducts::computeSoundings(soundings.data(), kernelBottom, out.result->beamAngleCopies, beams,
+                                         params.soundSpeed, segmented ? nullptr : &rollSamples, 0.0);
+            kvproducts::writeSoundingRows(soundingsCsv.get(), ping, soundings.data(), out.result->bottomFlag,
+                                          beams);
         }
         if (flagsCsv) {
             std::fprintf(flagsCsv.get(), "%lld", ping);
@@ -500,7 +529,7 @@ int main(int argc, char** argv) {
     last = PingOutputs{};
     kVaneFree7420();
 
-    for (File* f : {&bottomCsv, &flagsCsv}) {
+    for (File* f : {&bottomCsv, &flagsCsv, &soundingsCsv}) {
         if (*f && (std::ferror(f->get()) || std::fclose(f->release()) != 0)) {
             std::fprintf(stderr, "kvane-replay: writing a CSV file failed\n");
             outputFailed = true;
