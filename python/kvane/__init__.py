@@ -19,7 +19,7 @@ from .library import DenormalsFlushed, load_library
 from .recording import Ping, RecordingError, encode_record, read_recording, roll_parameters, write_recording
 from .workspace import PingResult, Workspace, side_scan_rows
 from .soundings import Soundings, compute_soundings
-from .products import process_recording, soundings_rows, write_soundings_csv
+from .products import ping_soundings, process_recording, soundings_rows, write_soundings_csv
 
 
 def plot_ping(result, path=None, **options):
@@ -51,6 +51,7 @@ __all__ = [
     "plot_ping",
     "Soundings",
     "compute_soundings",
+    "ping_soundings",
     "process_recording",
     "soundings_rows",
     "write_soundings_csv",

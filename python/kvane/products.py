@@ -120,6 +120,27 @@ def process_recording(path, params=None, *, roll_from_aux=False, beam_image=Fals
     return _dataset(xr, got, base, name, roll_from_aux, range_offset_samples)
 
 
+def ping_soundings(result, params, roll=None, *, segmented=None, range_offset_samples=0.0):
+    """The soundings of one ping, as compute_soundings gives them, from its
+    PingResult, the Params it ran with and its record's roll table (a dict
+    from roll_parameters, or None). segmented: whether the ping took the
+    roll-steered path; None reads it from params (rollCount != 1), which is
+    only right if the kernel did not write rollCount back during the ping."""
+    if segmented is None:
+        segmented = params.rollCount != 1
+    table = roll if (roll is not None and not segmented) else None
+    return compute_soundings(
+        result.bottom_sample,
+        result.beam_angles,
+        params.soundSpeed,
+        segmented=segmented,
+        roll_times_ms=None if table is None else table["rollTime"],
+        roll_angles_deg=None if table is None else table["rollAngle"],
+        ping_time_ms=0 if table is None else table["pingTime"],
+        range_offset_samples=range_offset_samples,
+    )
+
+
 def _run_ping(workspace, base, ping, name, roll_from_aux, offset, got):
     roll = roll_parameters(ping.aux)
     params = base
@@ -129,17 +150,7 @@ def _run_ping(workspace, base, ping, name, roll_from_aux, offset, got):
         params = base.replace(**roll)
     segmented = params.rollCount != 1  # decided before the kernel may write rollCount back
     result = workspace.process(params, ping.plane_i, ping.plane_q)
-    table = roll if (roll is not None and not segmented) else None
-    sounding = compute_soundings(
-        result.bottom_sample,
-        result.beam_angles,
-        params.soundSpeed,
-        segmented=segmented,
-        roll_times_ms=None if table is None else table["rollTime"],
-        roll_angles_deg=None if table is None else table["rollAngle"],
-        ping_time_ms=0 if table is None else table["pingTime"],
-        range_offset_samples=offset,
-    )
+    sounding = ping_soundings(result, params, roll, segmented=segmented, range_offset_samples=offset)
     got.numbers.append(ping.number)
     got.times.append(None if roll is None else roll["pingTime"])
     got.samples.append(ping.sample_count)
