@@ -23,6 +23,7 @@
 
 #include "recording.h"
 #include "simulate.h"
+#include "soundings.h"
 
 namespace {
 
@@ -191,6 +192,54 @@ TEST(Simulator, RollTableSpansThePingEvery10Ms) {
             EXPECT_NEAR(p.rollAngle[i], kvsim::rollAt(c, p.rollTime[i] / 1000.0), 1e-5);
         }
     }
+}
+
+// The seabed truth of the simulator, turned into metres, lands on its seabed:
+// the range formula undoes the dropped samples, and on the one-shot path the
+// roll at the echo turns array angles into earth angles.
+TEST(Soundings, TruthSamplesLandOnTheSimulatedSeabed) {
+    kvsim::SimConfig config;
+    config.slopeDeg = 10.0;
+    const std::vector<float> angles = kvsim::truthFanAngles();
+    const float roll = 3.5f;
+    std::vector<float> bottom(angles.size()), steering(angles.size());
+    for (size_t b = 0; b < angles.size(); ++b) {
+        const double raw = kvsim::seabedSample(config, angles[b]);
+        bottom[b] = std::isfinite(raw) ? static_cast<float>(raw - kvproducts::kDroppedSamples) : 0.0f;
+        steering[b] = angles[b] + roll;  // the beam that looks at earth angle angles[b]
+    }
+    bottom[7] = std::nanf("");
+    kvproducts::RollSamples table;
+    table.pingTime = 1000;
+    table.time = {900, 2000};
+    table.angle = {roll, roll};
+    std::vector<kvproducts::Sounding> s(angles.size());
+    kvproducts::computeSoundings(s.data(), bottom.data(), steering.data(), static_cast<int>(angles.size()),
+                                 static_cast<float>(config.soundSpeed), &table, 0.0);
+    int landed = 0;
+    for (size_t b = 0; b < angles.size(); ++b) {
+        if (bottom[b] == 0.0f || b == 7) {
+            EXPECT_TRUE(std::isnan(s[b].rangeM) && std::isnan(s[b].depthM)) << b;
+            continue;
+        }
+        EXPECT_NEAR(s[b].angleDeg, angles[b], 1e-5);
+        const double seabed = config.depth + s[b].acrossM * std::tan(config.slopeDeg * kPi / 180.0);
+        EXPECT_NEAR(s[b].depthM, seabed, 1e-4 * s[b].rangeM) << b;
+        ++landed;
+    }
+    EXPECT_GT(landed, 200);
+}
+
+TEST(Soundings, RollIsInterpolatedAndHeldAtTheTableEnds) {
+    kvproducts::RollSamples roll;
+    EXPECT_EQ(kvproducts::interpolateRoll(roll, 5.0), 0.0);
+    roll.time = {10, 20, 40};
+    roll.angle = {1.0f, 3.0f, -1.0f};
+    EXPECT_DOUBLE_EQ(kvproducts::interpolateRoll(roll, 0.0), 1.0);
+    EXPECT_DOUBLE_EQ(kvproducts::interpolateRoll(roll, 15.0), 2.0);
+    EXPECT_DOUBLE_EQ(kvproducts::interpolateRoll(roll, 20.0), 3.0);
+    EXPECT_DOUBLE_EQ(kvproducts::interpolateRoll(roll, 30.0), 1.0);
+    EXPECT_DOUBLE_EQ(kvproducts::interpolateRoll(roll, 99.0), -1.0);
 }
 
 TEST(Recording, RoundTripsRecordByRecord) {

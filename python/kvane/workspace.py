@@ -206,7 +206,8 @@ class Workspace:
                 beam_angles=np.array(result.beamAngleCopies[:beams], np.float32),
                 beam_image=beam_image[: beams * n].reshape(beams, n),
                 wedge=wedge[wedge_start : wedge_start + width * height].reshape(height, width).copy(),
-                waterfall=side_scan[: rows * 2 * even].reshape(rows, 2 * even).copy(),
+                # A view: the buffer is this ping's own, and its untouched pages cost nothing.
+                waterfall=side_scan[: rows * 2 * even].reshape(rows, 2 * even),
                 first_echo=float(result.firstEchoHalf) * 2.0,
                 segment_roll=np.array(result.segmentRoll[:segments], np.float32),
                 gain_profile=gain_profile if block.gainSwitch != 0.0 else None,
