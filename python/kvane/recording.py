@@ -22,6 +22,7 @@ integers little-endian:
 A record is 52 + sampleBytes + auxBytes bytes long.
 """
 
+import contextlib
 import dataclasses
 import os
 import struct
@@ -107,12 +108,17 @@ def _planes(block):
     return plane_i, plane_q
 
 
-def read_recording(path):
+def read_recording(path, *, stream=None):
     """Yields the pings of a recording one at a time, as Ping objects. A file
     that ends exactly at a record boundary ends the iteration; anything else
-    raises RecordingError after the complete pings before it were yielded."""
+    raises RecordingError after the complete pings before it were yielded.
+
+    stream: read the records from this binary file object instead of opening
+    path (path then only names the recording in messages). A stream whose
+    read waits for more bytes, as of a recording still being written, makes
+    the reader wait on a partial record instead of failing."""
     name = os.fspath(path)
-    with open(name, "rb") as stream:
+    with open(name, "rb") if stream is None else contextlib.nullcontext(stream) as stream:
         number = 0
         while True:
             number += 1

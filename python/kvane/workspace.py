@@ -3,6 +3,7 @@
 import ctypes
 import dataclasses
 import threading
+import time
 import weakref
 
 import numpy as np
@@ -40,6 +41,7 @@ class PingResult:
     segment_roll: np.ndarray   # float32[ceil(n/200)]: roll per 200-sample segment (0 unless
                                # the ping took the roll-steered path, rollCount != 1)
     gain_profile: object       # float32[max(n, 600)] with gainSwitch set, else None
+    kernel_seconds: float = 0.0  # wall-clock time of the kernel's call for this ping
 
     @property
     def beam_count(self):
@@ -196,7 +198,9 @@ class Workspace:
             result.sideScanImage = side_scan.ctypes.data_as(ctypes.POINTER(ctypes.c_float))
             result.gainProfile = gain_profile.ctypes.data_as(ctypes.POINTER(ctypes.c_float))
             with DenormalsFlushed(self._flush):
+                started = time.perf_counter()
                 self._library.kVaneProcess20(ctypes.byref(block), ctypes.byref(source), ctypes.byref(result))
+                kernel_seconds = time.perf_counter() - started
             rows = side_scan_rows(block.sideScanRows)
             even = n - n % 2
             segments = (n + 199) // 200
@@ -211,4 +215,5 @@ class Workspace:
                 first_echo=float(result.firstEchoHalf) * 2.0,
                 segment_roll=np.array(result.segmentRoll[:segments], np.float32),
                 gain_profile=gain_profile if block.gainSwitch != 0.0 else None,
+                kernel_seconds=kernel_seconds,
             )
