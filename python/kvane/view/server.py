@@ -14,6 +14,7 @@ changed from V, or after S seconds) and steers the player with POST
 
 import argparse
 import json
+import os
 import pathlib
 import signal
 import sys
@@ -191,6 +192,10 @@ def main(argv=None):
     if not 0 <= args.port <= 65535:
         parser.error(f"--port {args.port}: give 0 to 65535")
 
+    # The page's browser shares the processor with the kernel: waiting
+    # OpenMP threads sleep rather than spin, or the two slow each other down
+    # several times over. Read when the library is loaded, so set it first.
+    os.environ.setdefault("OMP_WAIT_POLICY", "passive")
     try:
         params = Params(**dict(args.set))
         _check_recording(args.recording, args.follow)
