@@ -279,8 +279,9 @@ bool readPng(const std::string& path, int channels, int* w, int* h, std::vector<
 TEST(Pictures, PngRoundTripAndThePicturesOfAPing) {
     const std::string dir = testing::TempDir();
     EXPECT_NE(kvreplay::writePng("/nonexistent-dir/x.png", nullptr, 5, 3, 1), "");
-    // A ping's three pictures: the raster, the shown waterfall (odd n: 2n - 2
-    // wide) and the beam image with the bottom line in red.
+    // A ping's three pictures: the raster as painted, the shown waterfall
+    // (odd n: 2n - 2 wide; 12 rows of 400 / 12 = 33 pixels) and the beam image
+    // (16 beams of 768 / 16 = 48 pixels, one row a sample) with the bottom line.
     static KVaneParams params{};
     params.imageWidth = 30;
     params.imageHeight = 20;
@@ -294,6 +295,7 @@ TEST(Pictures, PngRoundTripAndThePicturesOfAPing) {
     for (std::size_t i = 0; i < beams.size(); ++i) beams[i] = 1.0f + static_cast<float>(i % 13);
     for (std::size_t i = 0; i < sideScan.size(); ++i) sideScan[i] = static_cast<float>(i % 7);
     std::fill(result.bottomSample, result.bottomSample + 16, 20.0f);  // row 20 of the beam image
+    std::fill(result.bottomFlag, result.bottomFlag + 16, uint8_t{1});
     result.displayImage = display.data();
     result.beamImage = beams.data();
     result.sideScanImage = sideScan.data();
@@ -303,9 +305,53 @@ TEST(Pictures, PngRoundTripAndThePicturesOfAPing) {
     ASSERT_TRUE(readPng(dir + "ping-wedge.png", 1, &w, &h, &back));
     EXPECT_EQ(w * 1000 + h, 30020);
     EXPECT_EQ(back, display);
-    ASSERT_TRUE(readPng(dir + "ping-waterfall.png", 1, &w, &h, &back));
-    EXPECT_EQ(w * 1000 + h, 80012);
+    ASSERT_TRUE(readPng(dir + "ping-waterfall.png", 3, &w, &h, &back));
+    EXPECT_EQ(w * 1000 + h, 80396);
+    EXPECT_TRUE(std::equal(back.begin(), back.begin() + 80 * 3, back.begin() + 32 * 80 * 3));
+    EXPECT_FALSE(std::equal(back.begin(), back.begin() + 80 * 3, back.begin() + 33 * 80 * 3));
     ASSERT_TRUE(readPng(dir + "ping-beams.png", 3, &w, &h, &back));
-    EXPECT_EQ(w * 1000 + h, 16000 + n);
-    EXPECT_EQ(back[(20 * 16 + 7) * 3] * 1000 + back[(20 * 16 + 7) * 3 + 1], 255000);  // red
+    EXPECT_EQ(w * 1000 + h, 768000 + n);
+    const uint8_t* px = &back[(20 * 768 + 7 * 48 + 24) * 3];
+    EXPECT_EQ(px[0] * 1000000 + px[1] * 1000 + px[2], 255255);  // cyan: own detection
+}
+
+TEST(Pictures, FullSizePingsAreAveragedDownToAScreen) {
+    const std::string dir = testing::TempDir();
+    static KVaneParams params{};
+    params.imageWidth = 4;
+    params.imageHeight = 4;
+    params.beamCount = 256;
+    params.sideScanRows = 100;
+    const int n = 8000;
+    static KVaneResult result{};
+    std::vector<uint8_t> display(16, 7);
+    // Amplitude rising across the beams; the waterfall's newest row has data
+    // on the port side only, the rest of it and the older rows none.
+    std::vector<float> beams(static_cast<std::size_t>(256) * n), sideScan(100 * 16000, 0.0f);
+    for (int b = 0; b < 256; ++b)
+        std::fill(beams.begin() + static_cast<std::ptrdiff_t>(b) * n,
+                  beams.begin() + static_cast<std::ptrdiff_t>(b + 1) * n, std::pow(10.0f, b / 40.0f));
+    for (int i = 0; i < 8000; ++i) sideScan[i] = 1.0f + static_cast<float>(i / 16 % 10);
+    result.bottomSample[100] = 4000.0f;  // row 300 of 600
+    result.bottomFlag[100] = 2;
+    result.displayImage = display.data();
+    result.beamImage = beams.data();
+    result.sideScanImage = sideScan.data();
+    ASSERT_EQ(kvreplay::writePingPictures(dir + "full-", params, result, n), "");
+    int w = 0, h = 0;
+    std::vector<uint8_t> back;
+    ASSERT_TRUE(readPng(dir + "full-beams.png", 3, &w, &h, &back));
+    ASSERT_EQ(w * 1000 + h, 768600);
+    auto at = [&](int x, int y) { return &back[(static_cast<std::size_t>(y) * w + x) * 3]; };
+    auto brightness = [&](int x, int y) { return at(x, y)[0] + at(x, y)[1] + at(x, y)[2]; };
+    EXPECT_LT(brightness(30, 10), brightness(300, 10));
+    EXPECT_LT(brightness(300, 10), brightness(700, 10));
+    EXPECT_EQ(at(301, 300)[0] + at(301, 300)[1] + at(301, 300)[2], 3 * 255);  // white: copied
+    EXPECT_NE(at(301, 200)[0] + at(301, 200)[1] + at(301, 200)[2], 3 * 255);  // beam 100 elsewhere
+    ASSERT_TRUE(readPng(dir + "full-waterfall.png", 3, &w, &h, &back));
+    ASSERT_EQ(w * 1000 + h, 1000400);
+    const uint8_t none[3] = {0, 0, 4};  // the darkest colour: no data
+    EXPECT_FALSE(std::equal(none, none + 3, at(105, 0)));  // samples 1680..1695, amplitude 6
+    EXPECT_TRUE(std::equal(none, none + 3, at(900, 0)));
+    EXPECT_TRUE(std::equal(none, none + 3, at(100, 4)));
 }
