@@ -51,3 +51,12 @@ def tool():
         return path
 
     return find
+
+
+# Files the tests keep for people to look at (screenshots), listed at the end.
+ARTEFACTS = []
+
+
+def pytest_terminal_summary(terminalreporter):
+    for path in ARTEFACTS:
+        terminalreporter.write_line(f"test artefact: {path}")

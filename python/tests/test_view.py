@@ -15,6 +15,7 @@ import urllib.request
 
 import pytest
 
+from conftest import ARTEFACTS
 from devtools import Browser, BrowserMissing
 
 SOURCE_DIR = pathlib.Path(__file__).resolve().parents[2]
@@ -137,8 +138,7 @@ def test_the_page_draws_the_pings_in_headless_chromium(library, tool, recording)
         assert later[1] != first[1] and later[1].isdigit()
 
         drawn = browser.evaluate(CANVAS_DRAWN)
-        shot = browser.screenshot(str(artefact_dir() / "kvane-view.png"))
-        print(f"screenshot of the page: {shot}")
+        ARTEFACTS.append(browser.screenshot(str(artefact_dir() / "kvane-view.png")))
         # The seabed lights the fan; a few pings of waterfall lines light
         # the top of theirs; the profile's points are drawn.
         assert drawn["wedge"]["warm"] > 0.03 and drawn["wedge"]["colours"] > 100, drawn

@@ -248,8 +248,8 @@ function drawProfile(ping) {
 
   const legend = $("profile-legend");
   if (extra) {
-    legend.textContent = `colour: ${extra.label} ${+low.toPrecision(3)} to ${+high.toPrecision(3)} ${extra.units}` +
-      " (dark to bright); rings: copied from a neighbour";
+    legend.textContent = `${extra.label}, dark ${+low.toPrecision(3)} to bright ${+high.toPrecision(3)} ` +
+      `${extra.units}; rings: copied`;
   } else {
     legend.innerHTML = `<span style="color:${OWN_COLOUR}">●</span> own detection ` +
       `<span style="color:${COPIED_COLOUR}">○</span> copied from a neighbour`;
