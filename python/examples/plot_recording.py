@@ -4,7 +4,7 @@ beam image with the bottom line, the water-column wedge and the side-scan
 waterfall.
 
     kvane-simulate --out sim.rec --pings 20 --samples 2000 --depth 20
-    python3 python/examples/plot_recording.py sim.rec --out ping.png
+    /usr/bin/python3 python/examples/plot_recording.py sim.rec --out ping.png
 
 Every ping up to the one shown goes through the kernel, since the first-echo
 history, the tracker and the waterfall build up from ping to ping.

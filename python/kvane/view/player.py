@@ -127,6 +127,11 @@ class Player:
         self._waiting_for = None
         self._seen = 0
         self._pass = 0
+        # Pacing, kept across the passes of a loop: the previous ping's start
+        # (monotonic clock), ping time (ms) and samples, and the last interval
+        # the records' ping times gave.
+        self._last_start = self._last_time = self._recorded_interval = None
+        self._last_samples = 0
         self._thread = threading.Thread(target=self._run, name="kvane-view player", daemon=True)
 
     # ---- the page's side -------------------------------------------------
@@ -163,12 +168,13 @@ class Player:
             "version": self._version,
         }
 
-    def pings_after(self, after, version=None, timeout=0.0):
-        """The JSON text of {"pings": [...], "state": {...}}: the kept pings
-        with seq above `after` (the wedge with the newest only), waiting up
-        to timeout seconds for one when there is none and the state is still
-        at `version`. A page whose `after` lies ahead of the player (the
-        server was restarted) gets the kept pings from the start."""
+    def pings_after(self, after, version=None, timeout=0.0, limit=HISTORY):
+        """The JSON text of {"pings": [...], "state": {...}}: the newest
+        `limit` of the kept pings with seq above `after` (the wedge with the
+        newest only), waiting up to timeout seconds for one when there is
+        none and the state is still at `version`. A page whose `after` lies
+        ahead of the player (the server was restarted) gets the kept pings
+        from the start."""
         deadline = time.monotonic() + timeout
         with self._cond:
             while not self._stop.is_set():
@@ -180,7 +186,7 @@ class Player:
                 if left <= 0:
                     break
                 self._cond.wait(left)
-            entries = [entry for entry in self._entries if entry[0] > after]
+            entries = [entry for entry in self._entries if entry[0] > after][-max(limit, 1):]
             wedge = self._wedges[-1] if self._wedges else None
             state = self._state_locked()
         parts = [text for _, text in entries]
@@ -281,8 +287,6 @@ class Player:
         if self.follow:
             stream = FollowStream(self.path, self._stop, self._record_waiting)
         reader = read_recording(self.path, stream=stream)
-        last_start = last_time = None
-        last_samples = 0
         with self._cond:
             self._seen = 0  # records of this pass shown so far
         try:
@@ -298,19 +302,28 @@ class Player:
                     return "error"
                 roll = roll_parameters(ping.aux)
                 ping_time = None if roll is None else roll["pingTime"]
-                interval = last_samples / SAMPLE_RATE
-                if last_time is not None and ping_time is not None and ping_time > last_time:
-                    interval = (ping_time - last_time) / 1000.0
-                if not self._wait_turn(last_start, interval):
+                if not self._wait_turn(self._last_start, self._interval_to(ping_time)):
                     return "stop"
-                last_start = time.monotonic()
-                last_time, last_samples = ping_time, ping.sample_count
+                self._last_start = time.monotonic()
+                self._last_time, self._last_samples = ping_time, ping.sample_count
                 if not self._show(ping, roll, ping_time):
                     return "error"
         finally:
             reader.close()
             if stream is not None:
                 stream.close()
+
+    def _interval_to(self, ping_time):
+        """Seconds of recording from the previous ping to this one: from the
+        records' ping times, where both have one and they ascend; at the
+        start of a loop's next pass the last such interval; else the
+        previous ping's duration."""
+        if self._last_time is not None and ping_time is not None and ping_time > self._last_time:
+            self._recorded_interval = (ping_time - self._last_time) / 1000.0
+            return self._recorded_interval
+        if ping_time is not None and self._recorded_interval is not None:
+            return self._recorded_interval
+        return self._last_samples / SAMPLE_RATE
 
     def _record_waiting(self, waiting):
         with self._cond:

@@ -6,10 +6,10 @@ every ping, with play, pause, step, speed, loop and the display parameters.
     kvane-view survey.kvr                 # then open http://127.0.0.1:8765/
     kvane-view survey.kvr --follow        # a recording still being written
 
-The page asks for pings with GET /api/pings?after=SEQ&version=V&timeout=S (a
-long poll: the answer comes when a ping newer than SEQ is there, the state
-changed from V, or after S seconds) and steers the player with POST
-/api/control. Everything it loads comes from this package's static/ folder.
+The page asks for pings with GET /api/pings?after=SEQ&version=V&timeout=S
+&limit=N (a long poll: the answer, the newest N pings after SEQ, comes when a
+ping newer than SEQ is there, the state changed from V, or after S seconds)
+and steers the player with POST /api/control. Everything it loads comes from this package's static/ folder.
 """
 
 import argparse
@@ -25,7 +25,7 @@ from urllib.parse import parse_qs, urlsplit
 from ..blocks import PARAMETER_NAMES, Params
 from ..recording import RecordingError, read_recording
 from ..workspace import Workspace
-from .player import FASTEST, Player, parse_speed
+from .player import FASTEST, HISTORY, Player, parse_speed
 
 STATIC_DIR = pathlib.Path(__file__).resolve().parent / "static"
 _TYPES = {".html": "text/html; charset=utf-8", ".css": "text/css; charset=utf-8",
@@ -63,10 +63,11 @@ class _Handler(BaseHTTPRequestHandler):
                 after = int(query.get("after", ["-1"])[0])
                 version = int(query["version"][0]) if "version" in query else None
                 timeout = min(max(float(query.get("timeout", ["0"])[0]), 0.0), _MAX_POLL)
+                limit = int(query.get("limit", [str(HISTORY)])[0])
             except ValueError:
-                self._send_json(400, {"error": "after, version and timeout are numbers"})
+                self._send_json(400, {"error": "after, version, timeout and limit are numbers"})
                 return
-            body = self.player.pings_after(after, version, timeout)
+            body = self.player.pings_after(after, version, timeout, limit)
             self._send(200, body.encode("utf-8"), "application/json")
         else:
             self._send_json(404, {"error": f"no such page: {url.path}"})

@@ -415,7 +415,8 @@ async function poll() {
     let reply;
     try {
       const version = view.version === null ? "" : `&version=${view.version}`;
-      const answer = await fetch(`/api/pings?after=${view.seq}${version}&timeout=20`, { cache: "no-store" });
+      const answer = await fetch(`/api/pings?after=${view.seq}${version}&timeout=20&limit=${WATERFALL_ROWS}`,
+        { cache: "no-store" });
       reply = await answer.json();
     } catch (error) {
       $("status").textContent = "no connection to kvane-view; trying again";
