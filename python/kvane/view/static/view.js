@@ -364,8 +364,10 @@ function showState(state) {
     $("speed").value = speed;
   }
   $("loop").checked = state.loop;
-  $("status").textContent = state.status;
-  if (state.message) showMessage(state.message);
+  const restart = "; play starts again from the first ping";
+  $("status").textContent = state.status === "ended" ? "end of the recording" + restart
+    : state.status === "stopped" ? "stopped" + restart : state.status;
+  showMessage(state.message);
   for (const input of $("params").elements) {
     if (input.name && document.activeElement !== input && !input.dataset.edited) {
       const pending = state.pending[input.name];
