@@ -260,15 +260,18 @@ def _write_beam_group(beams, ds, ping_ns, time_attrs, types):
               {"long_name": "Beam name (the beam index, 0 at the port end)"}, dtype=str)
 
     rate = float(ds.attrs["sample_rate_hz"])
-    constant = lambda value: np.full(pings, value, np.float32)  # noqa: E731
+
+    def constant(value):
+        return np.full(pings, value, np.float32)
+
     _variable(beams, "sample_interval", constant(1.0 / rate), each_ping,
               {"units": "s", "long_name": "Interval between recorded raw data samples", "valid_min": np.float32(0.0)})
     # Sample i of a beam (and bottom sample i) lies at range c/2 * (i * dt - offset).
     offset = (float(ds.attrs["range_offset_samples"]) - float(ds.attrs["dropped_samples"])) / rate
     _variable(beams, "sample_time_offset", constant(offset), each_ping,
               {"units": "s", "long_name": "Time offset that is subtracted from the timestamp of each sample",
-               "comment": "the samples dropped before the first kept sample, less the range offset of the "
-                          "data set, as a time (negative: ranges grow)"})
+               "comment": "(range_offset_samples - dropped_samples) * sample_interval: sample 0 comes "
+                          "dropped_samples after the transmission, hence negative"})
     _variable(beams, "transmit_duration_nominal", constant(ds.attrs["param_pulseLength"]), each_ping,
               {"units": "s", "long_name": "Nominal duration of transmitted pulse", "valid_min": np.float32(0.0)})
     for edge in ("start", "stop"):
