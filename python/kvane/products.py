@@ -175,8 +175,8 @@ def _ping_seconds(got):
     or the ping index where any record carries none."""
     if all(t is not None for t in got.times):
         times = np.array(got.times, np.float64)
-        return (times - times[0]) / 1000.0, "time of sample 0 of the ping, from the first ping of the recording"
-    return np.arange(len(got.numbers), dtype=np.float64), "ping index (the records carry no ping time)"
+        return (times - times[0]) / 1000.0, "s", "time of sample 0 of the ping, from the first ping of the recording"
+    return np.arange(len(got.numbers), dtype=np.float64), "1", "ping index (the records carry no ping time)"
 
 
 def _parameter_attributes(params):
@@ -200,7 +200,7 @@ def _stack_padded(rows, width, dtype, fill):
 
 def _dataset(xr, got, params, name, roll_from_aux, offset):
     beams = len(got.bottom[0])
-    seconds, time_meaning = _ping_seconds(got)
+    seconds, time_units, time_meaning = _ping_seconds(got)
     ping_beam = ("ping_time", "beam")
 
     def variable(dims, data, units, long_name, **extra):
@@ -234,7 +234,7 @@ def _dataset(xr, got, params, name, roll_from_aux, offset):
                               "side-scan waterfall after the last ping: newest row first, port on the left"),
     }
     coords = {
-        "ping_time": ("ping_time", seconds, {"units": "s", "long_name": time_meaning}),
+        "ping_time": ("ping_time", seconds, {"units": time_units, "long_name": time_meaning}),
         "ping_number": ("ping_time", np.array(got.numbers, np.int32),
                         {"units": "1", "long_name": "record number in the recording, from 1"}),
         "beam": ("beam", np.arange(beams, dtype=np.int32),
