@@ -118,9 +118,11 @@ def process_recording(path, params=None, *, roll_from_aux=False, beam_image=Fals
     try:
         with Workspace(fresh_state=True) as workspace:
             for ping in read_recording(name):
-                _run_ping(workspace, base, ping, name, roll_from_aux, settings, got)
+                last = _run_ping(workspace, base, ping, name, roll_from_aux, settings, got)
                 if bar is not None:
                     bar.update(1)
+            if got.numbers:
+                got.waterfall = last.waterfall.copy()
     finally:
         if bar is not None:
             bar.close()
@@ -166,7 +168,7 @@ def _run_ping(workspace, base, ping, name, roll_from_aux, settings, got):
             raise RecordingError(f"{name}: record {ping.number}: auxiliary block holds no roll table")
         params = base.replace(**roll)
     segmented = params.rollCount != 1  # decided before the kernel may write rollCount back
-    result = workspace.process(params, ping.plane_i, ping.plane_q)
+    result = workspace.process(params, ping.plane_i, ping.plane_q, reuse_buffers=True)
     sounding = ping_soundings(result, params, roll, segmented=segmented, **settings)
     got.numbers.append(ping.number)
     got.times.append(None if roll is None else roll["pingTime"])
@@ -182,10 +184,9 @@ def _run_ping(workspace, base, ping, name, roll_from_aux, settings, got):
     got.depth.append(sounding.depth_m)
     got.uncertainty.append(sounding.uncertainty)
     got.wedge.append(result.wedge)
-    got.waterfall = result.waterfall
     if got.keep_images:
-        # The binding hands each ping a buffer of its own: keep it, no copy.
-        got.images.append(result.beam_image)
+        got.images.append(result.beam_image.copy())  # the next ping writes over the buffer
+    return result
 
 
 def _ping_seconds(got):

@@ -87,6 +87,7 @@ _PEAK_REACH = 8
 _EDGE_DROP = 25.0
 _NOISE_MARGIN = 4.0
 _MAX_REACH = 400
+_NOISE_SAMPLES = 64  # water-column samples per beam for the noise estimate
 
 # Method classes.
 PHASE, AMPLITUDE, EITHER = 1, 2, 3
@@ -122,14 +123,16 @@ class Uncertainty:
 
 def noise_power(image, first_echo):
     """Noise power of a ping's beam image: the mean power of the water column
-    before the first echo, image samples 16 to 0.8 * first_echo (from its
-    median: noise power is exponentially distributed), or, with less than 16
-    samples of water column, from the 10th percentile of the whole image."""
+    before the first echo, image samples 16 to 0.8 * first_echo, at most 64
+    evenly spaced samples of every beam (from their median: noise power is
+    exponentially distributed), or, with less than 16 samples of water column,
+    from the 10th percentile of the whole image."""
     image = np.asarray(image, np.float32)
     end = int(0.8 * float(first_echo)) if np.isfinite(first_echo) else 0
     end = min(end, image.shape[1])
     if end - 16 >= 16:
-        return float(np.median(np.square(image[:, 16:end].astype(np.float64)))) / np.log(2.0)
+        step = max(1, (end - 16) // _NOISE_SAMPLES)
+        return float(np.median(np.square(image[:, 16:end:step].astype(np.float64)))) / np.log(2.0)
     if image.size == 0:
         return float("nan")
     return float(np.percentile(np.square(image.astype(np.float64)), 10.0)) / 0.10536051565782628  # -ln(0.9)

@@ -23,6 +23,7 @@ constexpr int kPeakReach = 8;
 constexpr double kEdgeDrop = 25.0;
 constexpr double kNoiseMargin = 4.0;
 constexpr int kMaxReach = 400;
+constexpr int kNoiseSamples = 64;  // water-column samples per beam for the noise estimate
 
 // Linear-interpolation percentile, with numpy's index and interpolation
 // arithmetic.
@@ -136,9 +137,10 @@ double noisePower(const float* image, int beamCount, int sampleCount, float firs
     end = std::min(end, sampleCount);
     std::vector<double> power;
     if (end - 16 >= 16) {
-        power.reserve(static_cast<size_t>(beamCount) * static_cast<size_t>(end - 16));
+        const int step = std::max(1, (end - 16) / kNoiseSamples);
+        power.reserve(static_cast<size_t>(beamCount) * static_cast<size_t>((end - 16) / step + 1));
         for (int b = 0; b < beamCount; ++b)
-            for (int t = 16; t < end; ++t) {
+            for (int t = 16; t < end; t += step) {
                 const double v = image[static_cast<size_t>(b) * sampleCount + t];
                 power.push_back(v * v);
             }
