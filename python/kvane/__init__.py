@@ -20,6 +20,7 @@ from .recording import Ping, RecordingError, encode_record, read_recording, roll
 from .workspace import PingResult, Workspace, side_scan_rows
 from .soundings import Soundings, compute_soundings
 from .products import ping_soundings, process_recording, soundings_rows, write_soundings_csv
+from .sonarnetcdf import to_sonar_netcdf
 
 
 def plot_ping(result, path=None, **options):
@@ -55,4 +56,5 @@ __all__ = [
     "process_recording",
     "soundings_rows",
     "write_soundings_csv",
+    "to_sonar_netcdf",
 ]

@@ -16,6 +16,8 @@ from . import __version__
 from .blocks import DEFAULTS, PARAMETER_NAMES, SAMPLE_RATE, Params
 from .recording import RecordingError, read_recording, roll_parameters
 from .soundings import CSV_HEADER, compute_soundings, format_csv_row
+from .uncertainty import (DEFAULT_ROLL_SIGMA, DEFAULT_SOUND_SPEED_SIGMA, IHO_NAMES, RANGE_OFFSET_SAMPLES,
+                          sounding_uncertainty)
 from .workspace import Workspace
 
 # Two-dimensional outputs are stored one ping per chunk.
@@ -69,13 +71,15 @@ class _Collected:
         self.numbers, self.times, self.samples = [], [], []
         self.bottom, self.flag, self.steering, self.first_echo = [], [], [], []
         self.angle, self.range, self.across, self.depth = [], [], [], []
+        self.uncertainty = []
         self.wedge, self.images = [], []
         self.waterfall = None
         self.segmented = []
 
 
 def process_recording(path, params=None, *, roll_from_aux=False, beam_image=False, progress=None,
-                      range_offset_samples=0.0):
+                      range_offset_samples=RANGE_OFFSET_SAMPLES, sound_speed_sigma=DEFAULT_SOUND_SPEED_SIGMA,
+                      roll_sigma=DEFAULT_ROLL_SIGMA):
     """Runs every record of a recording through the kernel and returns an
     xarray.Dataset of the whole recording.
 
@@ -92,7 +96,10 @@ def process_recording(path, params=None, *, roll_from_aux=False, beam_image=Fals
     progress: a progress bar (tqdm) on a terminal when None, always when
         True, never when False.
     range_offset_samples: subtracted from every raw bottom sample before the
-        range is computed (a calibration offset, in samples).
+        range is computed: the calibration offset of the detector, in samples
+        (default: its mean lateness measured on simulated seabeds).
+    sound_speed_sigma (m/s), roll_sigma (degrees): the survey's own 1-sigma
+        contributions to every sounding's uncertainty.
 
     The kernel runs on a private image of the library (Workspace with
     fresh_state), so the same recording gives the same data set whatever
@@ -105,31 +112,37 @@ def process_recording(path, params=None, *, roll_from_aux=False, beam_image=Fals
     name = os.fspath(path)
     base = _as_params(params)
     got = _Collected(beam_image)
+    settings = {"range_offset_samples": float(range_offset_samples),
+                "sound_speed_sigma": float(sound_speed_sigma), "roll_sigma": float(roll_sigma)}
     bar = _progress_bar(name, progress)
     try:
         with Workspace(fresh_state=True) as workspace:
             for ping in read_recording(name):
-                _run_ping(workspace, base, ping, name, roll_from_aux, range_offset_samples, got)
+                last = _run_ping(workspace, base, ping, name, roll_from_aux, settings, got)
                 if bar is not None:
                     bar.update(1)
+            if got.numbers:
+                got.waterfall = last.waterfall.copy()
     finally:
         if bar is not None:
             bar.close()
     if not got.numbers:
         raise RecordingError(f"{name}: no complete record")
-    return _dataset(xr, got, base, name, roll_from_aux, range_offset_samples)
+    return _dataset(xr, got, base, name, roll_from_aux, settings)
 
 
-def ping_soundings(result, params, roll=None, *, segmented=None, range_offset_samples=0.0):
-    """The soundings of one ping, as compute_soundings gives them, from its
-    PingResult, the Params it ran with and its record's roll table (a dict
-    from roll_parameters, or None). segmented: whether the ping took the
-    roll-steered path; None reads it from params (rollCount != 1), which is
-    only right if the kernel did not write rollCount back during the ping."""
+def ping_soundings(result, params, roll=None, *, segmented=None, range_offset_samples=RANGE_OFFSET_SAMPLES,
+                   sound_speed_sigma=DEFAULT_SOUND_SPEED_SIGMA, roll_sigma=DEFAULT_ROLL_SIGMA):
+    """The soundings of one ping with their uncertainty (a Soundings whose
+    .uncertainty is an Uncertainty), from its PingResult, the Params it ran
+    with and its record's roll table (a dict from roll_parameters, or None).
+    segmented: whether the ping took the roll-steered path; None reads it
+    from params (rollCount != 1), which is only right if the kernel did not
+    write rollCount back during the ping."""
     if segmented is None:
         segmented = params.rollCount != 1
     table = roll if (roll is not None and not segmented) else None
-    return compute_soundings(
+    soundings = compute_soundings(
         result.bottom_sample,
         result.beam_angles,
         params.soundSpeed,
@@ -139,9 +152,15 @@ def ping_soundings(result, params, roll=None, *, segmented=None, range_offset_sa
         ping_time_ms=0 if table is None else table["pingTime"],
         range_offset_samples=range_offset_samples,
     )
+    soundings.uncertainty = sounding_uncertainty(
+        result.beam_image, result.bottom_sample, result.bottom_flag, result.beam_angles, soundings,
+        first_echo=result.first_echo,
+        pulse_length=params.pulseLength, sound_speed=params.soundSpeed, sound_speed_sigma=sound_speed_sigma,
+        roll_sigma=roll_sigma)
+    return soundings
 
 
-def _run_ping(workspace, base, ping, name, roll_from_aux, offset, got):
+def _run_ping(workspace, base, ping, name, roll_from_aux, settings, got):
     roll = roll_parameters(ping.aux)
     params = base
     if roll_from_aux:
@@ -149,8 +168,8 @@ def _run_ping(workspace, base, ping, name, roll_from_aux, offset, got):
             raise RecordingError(f"{name}: record {ping.number}: auxiliary block holds no roll table")
         params = base.replace(**roll)
     segmented = params.rollCount != 1  # decided before the kernel may write rollCount back
-    result = workspace.process(params, ping.plane_i, ping.plane_q)
-    sounding = ping_soundings(result, params, roll, segmented=segmented, range_offset_samples=offset)
+    result = workspace.process(params, ping.plane_i, ping.plane_q, reuse_buffers=True)
+    sounding = ping_soundings(result, params, roll, segmented=segmented, **settings)
     got.numbers.append(ping.number)
     got.times.append(None if roll is None else roll["pingTime"])
     got.samples.append(ping.sample_count)
@@ -163,11 +182,11 @@ def _run_ping(workspace, base, ping, name, roll_from_aux, offset, got):
     got.range.append(sounding.range_m)
     got.across.append(sounding.across_m)
     got.depth.append(sounding.depth_m)
+    got.uncertainty.append(sounding.uncertainty)
     got.wedge.append(result.wedge)
-    got.waterfall = result.waterfall
     if got.keep_images:
-        # The binding hands each ping a buffer of its own: keep it, no copy.
-        got.images.append(result.beam_image)
+        got.images.append(result.beam_image.copy())  # the next ping writes over the buffer
+    return result
 
 
 def _ping_seconds(got):
@@ -175,8 +194,8 @@ def _ping_seconds(got):
     or the ping index where any record carries none."""
     if all(t is not None for t in got.times):
         times = np.array(got.times, np.float64)
-        return (times - times[0]) / 1000.0, "time of sample 0 of the ping, from the first ping of the recording"
-    return np.arange(len(got.numbers), dtype=np.float64), "ping index (the records carry no ping time)"
+        return (times - times[0]) / 1000.0, "s", "time of sample 0 of the ping, from the first ping of the recording"
+    return np.arange(len(got.numbers), dtype=np.float64), "1", "ping index (the records carry no ping time)"
 
 
 def _parameter_attributes(params):
@@ -198,9 +217,9 @@ def _stack_padded(rows, width, dtype, fill):
     return out
 
 
-def _dataset(xr, got, params, name, roll_from_aux, offset):
+def _dataset(xr, got, params, name, roll_from_aux, settings):
     beams = len(got.bottom[0])
-    seconds, time_meaning = _ping_seconds(got)
+    seconds, time_units, time_meaning = _ping_seconds(got)
     ping_beam = ("ping_time", "beam")
 
     def variable(dims, data, units, long_name, **extra):
@@ -222,6 +241,7 @@ def _dataset(xr, got, params, name, roll_from_aux, offset):
                                  "across-track distance of the sounding, positive to starboard"),
         "depth": variable(ping_beam, np.stack(got.depth), "m", "depth of the sounding below the array",
                           positive="down"),
+        **_uncertainty_variables(variable, got.uncertainty),
         "first_echo_sample": variable(("ping_time",), np.array(got.first_echo, np.float32), "1",
                                       "first-echo sample of the ping, from the channel magnitudes"),
         "segmented": variable(("ping_time",), np.array(got.segmented, np.uint8), "1",
@@ -234,7 +254,7 @@ def _dataset(xr, got, params, name, roll_from_aux, offset):
                               "side-scan waterfall after the last ping: newest row first, port on the left"),
     }
     coords = {
-        "ping_time": ("ping_time", seconds, {"units": "s", "long_name": time_meaning}),
+        "ping_time": ("ping_time", seconds, {"units": time_units, "long_name": time_meaning}),
         "ping_number": ("ping_time", np.array(got.numbers, np.int32),
                         {"units": "1", "long_name": "record number in the recording, from 1"}),
         "beam": ("beam", np.arange(beams, dtype=np.int32),
@@ -256,7 +276,9 @@ def _dataset(xr, got, params, name, roll_from_aux, offset):
         "date_created": datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%dT%H:%M:%SZ"),
         "sample_rate_hz": np.float64(SAMPLE_RATE),
         "dropped_samples": np.int32(15),
-        "range_offset_samples": np.float64(offset),
+        "range_offset_samples": np.float64(settings["range_offset_samples"]),
+        "sound_speed_sigma": np.float64(settings["sound_speed_sigma"]),
+        "roll_sigma": np.float64(settings["roll_sigma"]),
         "roll_from_aux": np.int32(1 if roll_from_aux else 0),
         **_parameter_attributes(params),
     }
@@ -266,6 +288,38 @@ def _dataset(xr, got, params, name, roll_from_aux, offset):
             chunks = (_PING_CHUNK,) + ds[key].shape[1:]
             ds[key].encoding.update(chunksizes=chunks, chunks=chunks)  # netCDF, Zarr
     return ds
+
+
+def _uncertainty_variables(variable, per_ping):
+    ping_beam = ("ping_time", "beam")
+
+    def stack(field):
+        return np.stack([getattr(u, field) for u in per_ping])
+
+    return {
+        "depth_uncertainty": variable(ping_beam, stack("depth_uncertainty"), "m",
+                                      "standard uncertainty (1 sigma) of the depth, detection and survey"),
+        "across_uncertainty": variable(ping_beam, stack("across_uncertainty"), "m",
+                                       "standard uncertainty (1 sigma) of the across-track distance"),
+        "range_uncertainty": variable(ping_beam, stack("range_sigma"), "m",
+                                      "standard deviation of the detected range, detection alone"),
+        "angle_uncertainty": variable(ping_beam, stack("angle_sigma"), "degree",
+                                      "standard deviation of the beam angle, detection alone"),
+        "quality_factor": variable(ping_beam, stack("quality_factor"), "1",
+                                   "quality factor log10(range / range standard deviation)"),
+        "iho_order": variable(ping_beam, stack("iho_order"), "1",
+                              "best IHO S-44 (6th edition) order whose vertical limit the sounding meets",
+                              flag_values=np.array([0, 1, 2, 3, 4], np.uint8),
+                              flag_meanings="none order_2 order_1a_1b special_order exclusive_order"),
+        "echo_length": variable(ping_beam, stack("echo_samples"), "1",
+                                "samples of the echo around the bottom in the beam image (0: no bottom)"),
+        "echo_snr": variable(ping_beam, 10.0 * np.log10(stack("echo_snr")), "dB",
+                             "signal-to-noise ratio of the echo around the bottom"),
+        "detection_method": variable(ping_beam, stack("method"), "1",
+                                     "detection method as the echo shows it",
+                                     flag_values=np.array([0, 1, 2, 3], np.uint8),
+                                     flag_meanings="none phase amplitude phase_or_amplitude"),
+    }
 
 
 def _stack_images(images, width):
@@ -293,11 +347,14 @@ def soundings_rows(ds):
     numbers = ds["ping_number"].values
     flags = ds["bottom_flag"].values
     bottom = ds["bottom_sample"].values
-    angle, slant = ds["beam_angle"].values, ds["detected_range"].values
-    across, depth = ds["across_track"].values, ds["depth"].values
+    columns = [ds[name].values for name in ("beam_angle", "detected_range", "across_track", "depth")]
+    flag_column = [flags]
+    extra = [ds[name].values for name in ("depth_uncertainty", "across_uncertainty", "quality_factor")]
+    orders = ds["iho_order"].values
     for p in range(len(numbers)):
         for b in np.flatnonzero(np.isfinite(bottom[p]) & (bottom[p] != 0)):
-            yield format_csv_row(numbers[p], b, angle[p, b], slant[p, b], across[p, b], depth[p, b], flags[p, b])
+            yield format_csv_row(numbers[p], b, *(c[p, b] for c in columns), *(f[p, b] for f in flag_column),
+                                 *(x[p, b] for x in extra), IHO_NAMES[int(orders[p, b])])
 
 
 def write_soundings_csv(ds, path):

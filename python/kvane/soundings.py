@@ -31,7 +31,7 @@ from .blocks import SAMPLE_RATE
 DROPPED_SAMPLES = 15  # samples the kernel drops at the head of every channel
 
 # Header of the soundings CSV (kvane-replay --soundings, kvane.write_soundings_csv).
-CSV_HEADER = "ping,beam,angle_deg,range_m,across_m,depth_m,flag"
+CSV_HEADER = "ping,beam,angle_deg,range_m,across_m,depth_m,flag,depth_unc_m,across_unc_m,qf,iho_order"
 
 
 @dataclasses.dataclass
@@ -43,6 +43,7 @@ class Soundings:
     range_m: np.ndarray    # float64[B]: one-way slant range, m
     across_m: np.ndarray   # float64[B]: across-track distance, m, positive to starboard
     depth_m: np.ndarray    # float64[B]: depth below the array, m
+    uncertainty: object = None  # kvane.uncertainty.Uncertainty, where it was computed
 
     @property
     def detected(self):
@@ -105,7 +106,8 @@ def compute_soundings(
     return Soundings(angle, slant, slant * np.sin(radians), slant * np.cos(radians))
 
 
-def format_csv_row(ping, beam, angle, slant, across, depth, flag):
+def format_csv_row(ping, beam, angle, slant, across, depth, flag, depth_unc, across_unc, quality, order):
     """One line of the soundings CSV (no newline); the C++ tools print the
-    same digits."""
-    return f"{ping},{beam},{angle:.4f},{slant:.4f},{across:.4f},{depth:.4f},{flag}"
+    same digits. order: the IHO order's name."""
+    return (f"{ping},{beam},{angle:.4f},{slant:.4f},{across:.4f},{depth:.4f},{flag},"
+            f"{depth_unc:.4f},{across_unc:.4f},{quality:.3f},{order}")

@@ -122,6 +122,7 @@ class Workspace:
                 library.kVaneMalloc()
             _live = weakref.ref(self)
         self._open = True
+        self._kept = {}
 
     @property
     def closed(self):
@@ -155,10 +156,25 @@ class Workspace:
             except Exception:  # interpreter shutdown: nothing left to report to
                 pass
 
-    def process(self, params, plane_i, plane_q):
+    def _buffer(self, name, floats, reuse):
+        """A zeroed float buffer of at least floats, new or (reuse) the one
+        this Workspace keeps under name, grown when too small."""
+        if not reuse:
+            return np.zeros(floats, np.float32)
+        kept = self._kept.get(name)
+        if kept is None or kept.size < floats:
+            kept = self._kept[name] = np.zeros(floats, np.float32)
+        return kept
+
+    def process(self, params, plane_i, plane_q, *, reuse_buffers=False):
         """Runs one ping. params: a Params, a dict of parameter values, or None
         for the defaults. plane_i, plane_q: int32 arrays of shape (64, n),
-        1 <= n <= 8000. Returns a PingResult."""
+        1 <= n <= 8000. Returns a PingResult.
+
+        reuse_buffers: let the kernel write into output buffers this Workspace
+        keeps, instead of new ones for every ping: quicker for a stream of
+        pings, but the result's beam_image and waterfall are then views that
+        the next ping with reuse_buffers overwrites (copy what you keep)."""
         if params is None:
             params = Params()
         elif isinstance(params, dict):
@@ -177,10 +193,10 @@ class Workspace:
 
         # Host buffers as large as the kernel may write: with the gain switch
         # the 7x7 smoothing passes a full (n+6) x (B+6) image through beamImage.
-        beam_image = np.zeros((n + 6) * (beams + 6), np.float32)
+        beam_image = self._buffer("beam_image", (n + 6) * (beams + 6), reuse_buffers)
         wedge, wedge_start = _wedge_buffer(width, height)
-        gain_profile = np.zeros(max(n, 600), np.float32)
-        side_scan = np.zeros(SIDE_SCAN_FLOATS, np.float32)
+        gain_profile = self._buffer("gain_profile", max(n, 600), reuse_buffers)
+        side_scan = self._buffer("side_scan", SIDE_SCAN_FLOATS, reuse_buffers)
         # A fresh, zeroed result block per ping, as the replay tool gives: the
         # kernel's history lives in the workspace, not in the host's block.
         result = KVaneResult()

@@ -5,6 +5,8 @@
 #include <cmath>
 #include <limits>
 
+#include "uncertainty.h"
+
 namespace kvproducts {
 
 double interpolateRoll(const RollSamples& roll, double atMs) {
@@ -43,12 +45,14 @@ void computeSoundings(Sounding* out, const float* bottomSample, const float* ste
 }
 
 bool writeSoundingRows(std::FILE* file, long long ping, const Sounding* soundings, const uint8_t* flags,
-                       int beamCount) {
+                       const SoundingUncertainty* uncertainty, int beamCount) {
     for (int b = 0; b < beamCount; ++b) {
         const Sounding& s = soundings[b];
+        const SoundingUncertainty& u = uncertainty[b];
         if (std::isnan(s.rangeM)) continue;
-        if (std::fprintf(file, "%lld,%d,%.4f,%.4f,%.4f,%.4f,%u\n", ping, b, s.angleDeg, s.rangeM, s.acrossM,
-                         s.depthM, flags[b]) < 0)
+        if (std::fprintf(file, "%lld,%d,%.4f,%.4f,%.4f,%.4f,%u,%.4f,%.4f,%.3f,%s\n", ping, b, s.angleDeg, s.rangeM,
+                         s.acrossM, s.depthM, flags[b], u.depthUncertainty, u.acrossUncertainty, u.qualityFactor,
+                         ihoOrderName(u.ihoOrder)) < 0)
             return false;
     }
     return true;

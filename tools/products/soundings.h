@@ -26,7 +26,8 @@ constexpr double kSampleRate = 20000.0;  // complex samples per second
 constexpr int kDroppedSamples = 15;      // samples the kernel drops at the head of every channel
 
 // The header line of the soundings CSV.
-inline constexpr const char* kSoundingsHeader = "ping,beam,angle_deg,range_m,across_m,depth_m,flag";
+inline constexpr const char* kSoundingsHeader =
+    "ping,beam,angle_deg,range_m,across_m,depth_m,flag,depth_unc_m,across_unc_m,qf,iho_order";
 
 // A roll table: times (ms, ascending) and roll angles (degrees) on the clock
 // of pingTime, the time of sample 0 of the ping.
@@ -55,9 +56,11 @@ double interpolateRoll(const RollSamples& roll, double atMs);
 void computeSoundings(Sounding* out, const float* bottomSample, const float* steeringDeg, int beamCount,
                       float soundSpeed, const RollSamples* roll, double rangeOffsetSamples);
 
+struct SoundingUncertainty;
+
 // Writes one CSV line per beam with a detection, with the digits the Python
 // package writes. Returns false if a write failed.
 bool writeSoundingRows(std::FILE* file, long long ping, const Sounding* soundings, const uint8_t* flags,
-                       int beamCount);
+                       const SoundingUncertainty* uncertainty, int beamCount);
 
 }  // namespace kvproducts

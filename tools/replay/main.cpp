@@ -30,6 +30,7 @@
 #include "harness.h"
 #include "recording.h"
 #include "soundings.h"
+#include "uncertainty.h"
 
 namespace {
 
@@ -151,6 +152,8 @@ struct Options {
     KVaneParams base = kvreplay::harnessParams();
     std::string bottomCsv, flagsCsv, soundingsCsv, picturePrefix;
     bool rollFromAux = false;
+    double rangeOffsetSamples = kvproducts::kRangeOffsetSamples;
+    kvproducts::SurveySigmas survey;
     bool dither = true;
     int pictureEvery = 0;
     std::set<long long> picturePings;
@@ -233,10 +236,15 @@ void printHelp() {
         "                         +-0.5 sample dither of the raw-buffer entry point)\n"
         "  --bottom-csv FILE      per ping: ping number, then bottomSample of every beam\n"
         "  --flags-csv FILE       per ping: ping number, then bottomFlag of every beam\n"
-        "  --soundings FILE       soundings in metres, one line per beam with a bottom:\n"
-        "                         ping,beam,angle_deg,range_m,across_m,depth_m,flag (from the\n"
-        "                         kernel's bottom line before the dither; on the one-shot path\n"
-        "                         the angles are corrected with the record's roll table)\n"
+        "  --soundings FILE       soundings in metres with their uncertainty, one line per beam\n"
+        "                         with a bottom: ping,beam,angle_deg,range_m,across_m,depth_m,flag,\n"
+        "                         depth_unc_m,across_unc_m,qf,iho_order (from the kernel's bottom\n"
+        "                         line before the dither; on the one-shot path the angles are\n"
+        "                         corrected with the record's roll table)\n"
+        "  --range-offset-samples S  the detector's calibration offset, subtracted from every\n"
+        "                         bottom sample before the range (default %.2f)\n"
+        "  --sound-speed-sigma M  the survey's sound speed uncertainty, m/s, 1 sigma (default %g)\n"
+        "  --roll-sigma DEG       the survey's roll uncertainty, degrees, 1 sigma (default %g)\n"
         "  --pictures PREFIX      write PNG pictures PREFIXping<N>-{wedge,waterfall,beams}.png\n"
         "                         (default: of the last ping only)\n"
         "  --picture-every N      ... of every ping whose number is a multiple of N\n"
@@ -246,7 +254,8 @@ void printHelp() {
         "\n"
         "Parameter block (name, entries, value on every ping; * = rewritten on every\n"
         "ping, others are set once and keep what the kernel writes back):\n",
-        kHarnessPingLimit, kHarnessPingLimit);
+        kHarnessPingLimit, kvproducts::kRangeOffsetSamples, kvproducts::kDefaultSoundSpeedSigma,
+        kvproducts::kDefaultRollSigma, kHarnessPingLimit);
     for (const ParamField& f : kParamFields) {
         std::string shown;
         const int showCount = std::min(f.count, 3);
@@ -292,6 +301,14 @@ Options parseOptions(int argc, char** argv) {
             o.flagsCsv = value;
         } else if (arg == "--soundings") {
             o.soundingsCsv = value;
+        } else if (arg == "--range-offset-samples") {
+            o.rangeOffsetSamples = kvcli::parseNumber(arg, value);
+        } else if (arg == "--sound-speed-sigma") {
+            o.survey.soundSpeed = kvcli::parseNumber(arg, value);
+            if (o.survey.soundSpeed < 0.0) usageError(arg + ": must not be negative");
+        } else if (arg == "--roll-sigma") {
+            o.survey.rollDeg = kvcli::parseNumber(arg, value);
+            if (o.survey.rollDeg < 0.0) usageError(arg + ": must not be negative");
         } else if (arg == "--pictures") {
             o.picturePrefix = value;
         } else if (arg == "--picture-every") {
@@ -416,6 +433,7 @@ int main(int argc, char** argv) {
     File soundingsCsv = openOutput(opt.soundingsCsv);
     if (soundingsCsv) std::fprintf(soundingsCsv.get(), "%s\n", kvproducts::kSoundingsHeader);
     std::vector<kvproducts::Sounding> soundings(256);
+    std::vector<kvproducts::SoundingUncertainty> uncertainty(256);
     float kernelBottom[256];
 
     kVaneMalloc7420();
@@ -494,9 +512,14 @@ int main(int argc, char** argv) {
                 rollSamples.angle = roll.angle;
             }
             kvproducts::computeSoundings(soundings.data(), kernelBottom, out.result->beamAngleCopies, beams,
-                                         params.soundSpeed, segmented ? nullptr : &rollSamples, 0.0);
+                                         params.soundSpeed, segmented ? nullptr : &rollSamples,
+                                         opt.rangeOffsetSamples);
+            kvproducts::computeUncertainty(uncertainty.data(), out.beamImage.get(), beams, n, kernelBottom,
+                                           out.result->bottomFlag, out.result->beamAngleCopies, soundings.data(),
+                                           out.result->firstEchoHalf * 2.0f, params.pulseLength,
+                                           params.soundSpeed, opt.survey);
             kvproducts::writeSoundingRows(soundingsCsv.get(), ping, soundings.data(), out.result->bottomFlag,
-                                          beams);
+                                          uncertainty.data(), beams);
         }
         if (flagsCsv) {
             std::fprintf(flagsCsv.get(), "%lld", ping);
