@@ -182,6 +182,8 @@ def check_parameters(view):
     assert before["params"]["beamCount"] == 256 and len(before["profile"]["depth"]) == 256
     assert after["params"] == {"imageGain": 0.5, "sectorPort": 70.0, "sectorStarboard": 70.0, "beamCount": 128}
     assert len(after["profile"]["depth"]) == len(after["profile"]["flag"]) == 128
+    assert len(after["profile"]["beams"][after["profile"]["colour_by"]]["values"]) == 128
+    assert 0 <= after["summary"][0]["value"] <= 100
     assert after["number"] == before["number"] + 1
     assert view.post({"action": "rewind"})[0] == 400
     assert view.post({"speed": "0"})[0] == 400

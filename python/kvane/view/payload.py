@@ -16,11 +16,12 @@ as base64 of their raw bytes, for the page to colour and draw on canvases.
     }
 
 Soundings and per-ping figures beyond the bottom line enter through
-ping_products(): it returns the extra per-beam arrays (for instance a depth
-uncertainty, m) and per-ping figures (for instance the share of soundings
-meeting an order of survey accuracy) that the page shows with the profile.
-The page colours the profile's points by profile["colour_by"] when that
-array is present, and lists every summary entry beside the ping number.
+ping_products(): it returns the extra per-beam arrays (the depth
+uncertainty, m) and per-ping figures (the share of soundings meeting the
+Special Order) that the page shows with the profile. The page colours the
+profile's points by profile["colour_by"] when that array is present (or by
+any other of profile["beams"], or by origin, as the user picks), and lists
+every summary entry beside the ping number.
 """
 
 import base64
@@ -34,6 +35,9 @@ from ..soundings import DROPPED_SAMPLES
 
 # The parameters a user tunes on the page while the recording plays.
 TUNABLE = ("imageGain", "sectorPort", "sectorStarboard", "beamCount")
+
+# The IHO order codes of kvane.uncertainty: 3 Special Order, 4 Exclusive Order.
+SPECIAL_ORDER = 3
 
 # Columns of a waterfall line on the page: a full-size line (16000 samples)
 # is averaged down 16 to 1, shorter lines keep every sample up to this width.
@@ -101,8 +105,20 @@ def ping_products(result, params, soundings):
     bottom line itself. Returns (beams, colour_by, summary): beams maps a
     name to {"values": float array per beam (NaN: none), "units", "label"};
     colour_by names the one the profile is coloured by (or None); summary
-    is a list of {"label", "value", "units"}. None yet."""
-    return {}, None, []
+    is a list of {"label", "value", "units"}. Here: the soundings' depth
+    uncertainty, when they carry one, and the share of the ping's soundings
+    whose uncertainty meets the IHO Special Order (or the stricter
+    Exclusive Order)."""
+    uncertainty = getattr(soundings, "uncertainty", None)
+    if uncertainty is None:
+        return {}, None, []
+    beams = {"depth_uncertainty": {"values": uncertainty.depth_uncertainty, "units": "m",
+                                   "label": "depth uncertainty"}}
+    detected = np.isfinite(soundings.depth_m)
+    count = int(detected.sum())
+    special = int(np.count_nonzero(uncertainty.iho_order[detected] >= SPECIAL_ORDER))
+    share = 100.0 * special / count if count else float("nan")
+    return beams, "depth_uncertainty", [{"label": "Special Order", "value": share, "units": "%"}]
 
 
 def ping_payload(seq, ping, result, params, soundings, *, pass_number, ping_time_ms):

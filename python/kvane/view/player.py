@@ -370,7 +370,8 @@ class Player:
                 return False
             params = params.replace(**roll)
         segmented = params.rollCount != 1  # read before the kernel may write rollCount back
-        result = self._workspace.process(params, ping.plane_i, ping.plane_q)
+        # The workspace's own output buffers: the payload copies what it keeps.
+        result = self._workspace.process(params, ping.plane_i, ping.plane_q, reuse_buffers=True)
         soundings = ping_soundings(result, params, roll, segmented=segmented)
         head, wedge = ping_payload(self._seq + 1, ping, result, params, soundings, pass_number=self._pass,
                                    ping_time_ms=ping_time)

@@ -168,6 +168,23 @@ function steadyBounds(previous, next) {
   return inside && filled ? previous : next;
 }
 
+// The per-beam array the profile is coloured by: the user's pick from the
+// select, else the one the server names; null for colours by origin.
+function colourChoice(p) {
+  const select = $("colour-by");
+  const names = Object.keys(p.beams);
+  select.hidden = names.length === 0;
+  const values = ["origin", ...names];
+  if ([...select.options].map((o) => o.value).join() !== values.join()) {
+    select.innerHTML = "";
+    select.add(new Option("colour: origin", "origin"));
+    for (const name of names) select.add(new Option(`colour: ${p.beams[name].label}`, name));
+  }
+  const choice = view.colourBy || p.colour_by || "origin";
+  select.value = choice;
+  return p.beams[choice] || null;
+}
+
 function drawProfile(ping) {
   const { ctx, width, height } = fitCanvas($("profile"));
   const p = ping.profile;
@@ -175,7 +192,6 @@ function drawProfile(ping) {
   if (!bounds) {
     view.profileBounds = null;
     label(ctx, "no soundings in this ping", width / 2, height / 2, "center");
-    $("profile-legend").textContent = "";
     return;
   }
   const b = view.profileBounds = steadyBounds(view.profileBounds, bounds);
@@ -204,9 +220,9 @@ function drawProfile(ping) {
   label(ctx, "depth, m", 0, 0, "center");
   ctx.restore();
 
-  // Points coloured by a per-beam quantity when the ping carries one (e.g. an
-  // uncertainty), else by origin; copied beams are always drawn as rings.
-  const extra = p.colour_by ? p.beams[p.colour_by] : null;
+  // Points coloured by a per-beam quantity the ping carries (the depth
+  // uncertainty), or by origin, as picked; copied beams are always rings.
+  const extra = colourChoice(p);
   let low = Infinity, high = -Infinity;
   if (extra) {
     for (const v of extra.values) if (v !== null) { low = Math.min(low, v); high = Math.max(high, v); }
@@ -246,14 +262,38 @@ function drawProfile(ping) {
   }
   ctx.restore();
 
-  const legend = $("profile-legend");
+  drawProfileLegend(ctx, m.left + 6, m.top + 6, extra, low, high);
+}
+
+// The key, top left in the plot: dots and rings by origin, or a colour bar
+// from the lowest to the highest value of the quantity the points show.
+function drawProfileLegend(ctx, x, y, extra, low, high) {
+  ctx.save();
+  ctx.fillStyle = "rgba(13,17,23,0.85)";
+  ctx.fillRect(x, y, extra ? 250 : 228, 22);
+  const mid = y + 11;
+  const dot = (cx, colour, ring) => {
+    ctx.beginPath();
+    ctx.arc(cx, mid, 3, 0, 2 * Math.PI);
+    if (ring) { ctx.strokeStyle = colour; ctx.lineWidth = 1.4; ctx.stroke(); } else { ctx.fillStyle = colour; ctx.fill(); }
+  };
   if (extra) {
-    legend.textContent = `${extra.label}, dark ${+low.toPrecision(3)} to bright ${+high.toPrecision(3)} ` +
-      `${extra.units}; rings: copied`;
+    label(ctx, `${+low.toPrecision(2)}`, x + 6, mid);
+    const bar = x + 40;
+    for (let i = 0; i < 60; i++) {
+      ctx.fillStyle = LUT_RGB[Math.round(40 + 215 * i / 59)];
+      ctx.fillRect(bar + i, mid - 5, 1, 10);
+    }
+    label(ctx, `${+high.toPrecision(2)} ${extra.units}`, bar + 64, mid);
+    dot(x + 170, "#ccc", true);
+    label(ctx, "copied", x + 178, mid);
   } else {
-    legend.innerHTML = `<span style="color:${OWN_COLOUR}">●</span> own detection ` +
-      `<span style="color:${COPIED_COLOUR}">○</span> copied from a neighbour`;
+    dot(x + 10, OWN_COLOUR, false);
+    label(ctx, "own detection", x + 18, mid);
+    dot(x + 122, COPIED_COLOUR, true);
+    label(ctx, "copied from a neighbour", x + 130, mid);
   }
+  ctx.restore();
 }
 
 // ---- the waterfall -----------------------------------------------------------
@@ -435,6 +475,10 @@ $("play").addEventListener("click", () => control({ action: view.state && view.s
 $("step").addEventListener("click", () => control({ action: "step" }));
 $("speed").addEventListener("change", (e) => control({ speed: e.target.value }));
 $("loop").addEventListener("change", (e) => control({ loop: e.target.checked }));
+$("colour-by").addEventListener("change", (e) => {
+  view.colourBy = e.target.value;
+  if (view.current) drawProfile(view.current);
+});
 for (const input of $("params").elements) {
   if (input.name) input.addEventListener("input", () => { input.dataset.edited = "1"; });
 }
