@@ -195,7 +195,7 @@ function drawProfile(ping) {
     return;
   }
   const b = view.profileBounds = steadyBounds(view.profileBounds, bounds);
-  const m = { left: 52, right: 12, top: 10, bottom: 30 };
+  const m = { left: 52, right: 12, top: 30, bottom: 30 };  // the key above the plot
   const plotW = width - m.left - m.right, plotH = height - m.top - m.bottom;
   const X = (x) => m.left + (x + b.x) / (2 * b.x) * plotW;
   const Y = (d) => m.top + (d - b.top) / (b.bottom - b.top) * plotH;
@@ -223,16 +223,22 @@ function drawProfile(ping) {
   // Points coloured by a per-beam quantity the ping carries (the depth
   // uncertainty), or by origin, as picked; copied beams are always rings.
   const extra = colourChoice(p);
-  let low = Infinity, high = -Infinity;
+  // The colours span the lowest value to the 95th percentile, so that a few
+  // outliers do not darken the rest; higher values take the brightest colour.
+  let low = 0, high = 1;
   if (extra) {
-    for (const v of extra.values) if (v !== null) { low = Math.min(low, v); high = Math.max(high, v); }
+    const known = Float64Array.from(extra.values.filter((v) => v !== null)).sort();
+    if (known.length) {
+      low = known[0];
+      high = percentile(known, 0.95);
+    }
     if (!(high > low)) high = low + 1;
   }
   const colourOf = (beam, flag) => {
     if (extra) {
       const v = extra.values[beam];
       if (v === null) return "#888";
-      return LUT_RGB[Math.round(40 + 215 * (v - low) / (high - low))];
+      return LUT_RGB[Math.round(40 + 215 * Math.min(1, (v - low) / (high - low)))];
     }
     return flag === 2 ? COPIED_COLOUR : OWN_COLOUR;
   };
@@ -262,15 +268,13 @@ function drawProfile(ping) {
   }
   ctx.restore();
 
-  drawProfileLegend(ctx, m.left + 6, m.top + 6, extra, low, high);
+  drawProfileLegend(ctx, m.left, 4, extra, low, high);
 }
 
-// The key, top left in the plot: dots and rings by origin, or a colour bar
+// The key, above the plot: dots and rings by origin, or a colour bar
 // from the lowest to the highest value of the quantity the points show.
 function drawProfileLegend(ctx, x, y, extra, low, high) {
   ctx.save();
-  ctx.fillStyle = "rgba(13,17,23,0.85)";
-  ctx.fillRect(x, y, extra ? 250 : 228, 22);
   const mid = y + 11;
   const dot = (cx, colour, ring) => {
     ctx.beginPath();
@@ -284,9 +288,12 @@ function drawProfileLegend(ctx, x, y, extra, low, high) {
       ctx.fillStyle = LUT_RGB[Math.round(40 + 215 * i / 59)];
       ctx.fillRect(bar + i, mid - 5, 1, 10);
     }
-    label(ctx, `${+high.toPrecision(2)} ${extra.units}`, bar + 64, mid);
-    dot(x + 170, "#ccc", true);
-    label(ctx, "copied", x + 178, mid);
+    const top = `${+high.toPrecision(2)} ${extra.units} and above`;
+    label(ctx, top, bar + 64, mid);
+    ctx.font = "12px system-ui, sans-serif";
+    const ring = bar + 64 + ctx.measureText(top).width + 16;
+    dot(ring, "#ccc", true);
+    label(ctx, "copied", ring + 8, mid);
   } else {
     dot(x + 10, OWN_COLOUR, false);
     label(ctx, "own detection", x + 18, mid);
