@@ -67,12 +67,20 @@ struct BottomDetectArgs {
     DetectWork work;
 };
 
+// Forms the split-aperture samples of the given windows (beam samples) in
+// args->splitBeamIq; context is the caller's.
+using SplitIqSource = void (*)(const SampleWindows& windows, void* context);
+
 // Fills the six candidate slots of every beam (slots b*6+p of candidateSlots).
 // gateTable: beamCount start samples, then beamCount end samples.
 // Beams are independent and run in parallel, one line set of args->work per
 // thread; the result does not depend on the number of threads.
+// The gates of all beams are found first; with formSplitIq, it is then called
+// once with the samples of splitBeamIq that the measurements in the gates
+// read, before they are read (without it, splitBeamIq must be complete).
 void detectBeamCandidates(const BottomDetectArgs* args, EchoCandidate* const* candidateSlots,
-                          const int32_t* gateTable);
+                          const int32_t* gateTable, SplitIqSource formSplitIq = nullptr,
+                          void* context = nullptr);
 
 // Drop levels of the gate edges: 6, 8, 10, 12, 14 dB below a peak.
 constexpr int kDropCount = 5;

@@ -79,6 +79,9 @@ struct BeamformingIo {
     // still in the cache (conditionBeamColumns with params->clipRatio).
     float* beamEnvelope = nullptr;
     float* beamImage = nullptr;
+    // When set, formBeams leaves splitBeamIq alone: formSplitProducts forms
+    // the samples of it that are needed, once they are known.
+    bool splitLater = false;
 };
 
 // Forms formedBeamIq and splitBeamIq (and the unsmoothed amplitude image,
@@ -90,6 +93,17 @@ struct BeamformingIo {
 // count is restored on return.
 float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngles,
                 const double* beamAnglesDouble, int32_t n, const BeamformingIo* io);
+
+// The split-aperture products of the samples in `needed` (beam samples), for
+// a ping whose beams formBeams formed with io->splitLater: on either path the
+// same blocks of samples, with the same arithmetic, as formBeams forms them
+// all, so these samples equal a whole run's. segmented: the path formBeams
+// took (rollCount other than 1 when it was called); params and result are
+// those the ping's formBeams had (the segments' roll is read from
+// result->segmentRoll).
+void formSplitProducts(const KVaneParams* params, bool segmented, const KVaneResult* result,
+                       const float* beamAngles, int32_t n, const BeamformingIo* io,
+                       const SampleWindows& needed);
 
 // Roll of each segment from the roll table, joined to the previous ping by the
 // retained last sample. segmentRollLocal: segmentCount entries.

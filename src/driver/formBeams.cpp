@@ -173,8 +173,9 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
         if (n >= 1) {
             // The split-aperture products first, so that the image, made
             // last, is still in the cache for the pictures drawn from it.
-            correlateSubAperturesSectioned(io->rawChannels, n, kChannels, 0.0f, soundSpeed,
-                                           beamAngles, B, io->splitBeamIq, &io->split);
+            if (!io->splitLater)
+                correlateSubAperturesSectioned(io->rawChannels, n, kChannels, 0.0f, soundSpeed,
+                                               beamAngles, B, io->splitBeamIq, &io->split);
             // Steering rows, then the beam sums over the product's fixed grid
             // of blocks. Blocks of columns are turned into the image right
             // away; with blocks of rows (short pings) the image follows.
@@ -250,15 +251,64 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
             if (image)
                 conditionBeamColumns(io->beamEnvelope, io->beamImage, io->formedBeamIq + start, n,
                                      B, n, clipRatio, start, len);
-            correlateSubAperturesSectionedOnThread(io->rawChannels + start, len, n,
-                                                   segmentRollLocal[s], soundSpeed, beamAngles, B,
-                                                   io->splitBeamIq + start, n, &store);
+            if (!io->splitLater)
+                correlateSubAperturesSectionedOnThread(io->rawChannels + start, len, n,
+                                                       segmentRollLocal[s], soundSpeed, beamAngles,
+                                                       B, io->splitBeamIq + start, n, &store);
         }
     }
     setMatrixThreads(savedThreads);
     // The tracker sees the roll of the last segment (with no segment, the
     // host's first roll sample).
     return segments > 0 ? segmentRollLocal[segments - 1] : params->rollAngle[0];
+}
+
+void formSplitProducts(const KVaneParams* params, bool segmented, const KVaneResult* result,
+                       const float* beamAngles, int32_t n, const BeamformingIo* io,
+                       const SampleWindows& needed) {
+    const int32_t B = params->beamCount;
+    if (B < 1 || B > kMaxBeams || n < 1 || n > kMaxSamples) return;
+    const float soundSpeed = params->soundSpeed;
+    if (!segmented) {
+        correlateSubAperturesSectioned(io->rawChannels, n, kChannels, 0.0f, soundSpeed, beamAngles,
+                                       B, io->splitBeamIq, &io->split, &needed);
+        return;
+    }
+    // Segmented: each segment is a ping of its own to the correlator, steered
+    // by its roll; only the segments and their sections that form a needed
+    // sample run.
+    const int32_t segments = segmentCountOf(n);
+    uint8_t flags[kSplitSections * kMaxSegments];
+    splitBlocksNeeded(flags, needed, B, n, kSegmentLength);
+    int32_t list[kMaxSegments];
+    uint8_t sectionFlags[kMaxSegments][kSplitSections];
+    int32_t count = 0;
+    for (int32_t s = 0; s < segments; ++s) {
+        bool any = false;
+        for (int32_t k = 0; k < kSplitSections; ++k) {
+            sectionFlags[s][k] = flags[k * segments + s];
+            any = any || sectionFlags[s][k] != 0;
+        }
+        if (any) list[count++] = s;
+    }
+    if (count == 0) return;
+    const int savedThreads = matrixThreads();
+    setMatrixThreads(1);
+#pragma omp parallel num_threads(teamSize())
+    {
+        const SplitThreadStore store = splitThreadStore(&io->split, omp_get_thread_num());
+#pragma omp for schedule(static)
+        for (int32_t j = 0; j < count; ++j) {
+            const int32_t s = list[j];
+            const int32_t start = s * kSegmentLength;
+            const int32_t len = n - start < kSegmentLength ? n - start : kSegmentLength;
+            correlateSubAperturesSectionedOnThread(io->rawChannels + start, len, n,
+                                                   result->segmentRoll[s], soundSpeed, beamAngles,
+                                                   B, io->splitBeamIq + start, n, &store,
+                                                   sectionFlags[s]);
+        }
+    }
+    setMatrixThreads(savedThreads);
 }
 
 }  // namespace kvane

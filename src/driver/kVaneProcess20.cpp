@@ -63,6 +63,22 @@ void decideTrackedLine(const KVaneParams* params, KVaneResult* result, int32_t B
     for (int32_t b = 0; b < B; ++b) result->bottomSample[b] = static_cast<float>(tracked[b]);
 }
 
+// What the detection needs to have the split-aperture samples of its gates
+// formed.
+struct SplitProductsOrder {
+    const KVaneParams* params;
+    bool segmented;
+    const KVaneResult* result;
+    const float* beamAngles;
+    int32_t n;
+    const BeamformingIo* io;
+};
+
+void formSplitProductsFor(const SampleWindows& windows, void* context) {
+    const SplitProductsOrder& o = *static_cast<const SplitProductsOrder*>(context);
+    formSplitProducts(o.params, o.segmented, o.result, o.beamAngles, o.n, o.io, windows);
+}
+
 }  // namespace
 
 // Runs one ping; false when it was skipped.
@@ -114,11 +130,13 @@ bool processPing(KVaneParams* params, KVaneInput* input, KVaneResult* result) {
         finishBeamFan(beamAngles, beamAnglesDouble, result->beamAngleCopies, params->sectorPort,
                       params->sectorStarboard, params->beamSpacing, B, &retained.geometrySignature);
 
-    // 7. Beams and split-aperture products.
+    // 7. Beams. The split-aperture products follow once the detection's gates
+    // say which of their samples it reads (step 10).
     BeamformingIo io{ws.filteredChannels, ws.rawChannels,           ws.formedBeamIq,
                      ws.splitBeamIq,      ws.steerMatrix,           ws.split,
                      &retained.lastRollAngle, &retained.lastRollTime, ws.beamEnvelope,
-                     result->beamImage};
+                     result->beamImage,   true};
+    const bool segmented = params->rollCount != 1;
     const float angleOffset = formBeams(params, result, beamAngles, beamAnglesDouble, n, &io);
 
     // 8. Amplitude image: formed with the beams; smoothed here when asked.
@@ -145,7 +163,8 @@ bool processPing(KVaneParams* params, KVaneInput* input, KVaneResult* result) {
                           firstEchoSample,    params->pulseLength, kSampleRate, &limits,
                           params->qualityThreshold, retained.geometryChanged,
                           &retained.firstBeamPending, ws.detect};
-    detectBeamCandidates(&args, candidateSlots, retained.gateTable);
+    SplitProductsOrder order{params, segmented, result, beamAngles, n, &io};
+    detectBeamCandidates(&args, candidateSlots, retained.gateTable, formSplitProductsFor, &order);
 
     // 11. Harvest, clamped to 1..n so that an empty slot reads 1.
     int32_t detectionTable[1536] = {};

@@ -32,6 +32,17 @@ bool cpuHasAvx2();
 #define KVANE_AVX2 __attribute__((target("avx2")))
 #define KVANE_LOOP_BODY inline __attribute__((always_inline))
 
+// The samples a later stage will read of each row of a beam-major buffer: up
+// to kMaxRowWindows windows per row, each from first to last inclusive. A
+// stage that fills such a buffer may leave every other sample as it was.
+constexpr int kMaxRowWindows = 6;
+struct SampleWindows {
+    int32_t rows;
+    int32_t count[256];
+    int32_t first[256][kMaxRowWindows];
+    int32_t last[256][kMaxRowWindows];
+};
+
 // Sets the matrix library's thread count (OpenBLAS).
 void setMatrixThreads(int threads);
 
