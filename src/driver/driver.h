@@ -85,7 +85,8 @@ struct BeamformingIo {
 };
 
 // Forms formedBeamIq and splitBeamIq (and the unsmoothed amplitude image,
-// when io asks for it): once for the ping when rollCount is 1, else per
+// when io asks for it; formedBeamIq then serves as the threads' scratch for
+// blocks of beams and is not kept): once for the ping when rollCount is 1, else per
 // 200-sample segment steered by the interpolated roll (rollCount outside
 // -100..100 is written back as 1). Writes segmentRoll on the segmented path.
 // Returns angleOffset, the roll the tracker sees. n: 0..8000. The matrix

@@ -79,6 +79,13 @@ void formSteeringMatrix(cfloat* steerMatrix, const double* beamAnglesDouble, int
 namespace {
 constexpr int32_t kProductColumns = 256;
 constexpr int32_t kProductRows = 64;
+
+// Thread `thread`'s block of beams (up to 256 beams of 256 samples) while the
+// image is made from it: formedBeamIq holds them, as the buffer is not kept
+// then.
+cfloat* beamBlockOf(cfloat* formedBeamIq, int thread) {
+    return formedBeamIq + static_cast<int64_t>(thread) * kMaxBeams * kProductColumns;
+}
 }  // namespace
 
 int32_t productBlockCount(int32_t m, int32_t n) {
@@ -178,7 +185,9 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
                                                beamAngles, B, io->splitBeamIq, &io->split);
             // Steering rows, then the beam sums over the product's fixed grid
             // of blocks. Blocks of columns are turned into the image right
-            // away; with blocks of rows (short pings) the image follows.
+            // away, from a block of the thread's own that stays in its cache
+            // (formedBeamIq is then not kept: only the image reads it); with
+            // blocks of rows (short pings) the image follows.
             const int32_t blocks = productBlockCount(B, n);
             const bool byColumns = n >= 2 * kProductColumns;
             const int32_t tiles = (n + kProductColumns - 1) / kProductColumns;
@@ -195,11 +204,23 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
                 for (int32_t b = 0; b < B; ++b)
                     steeringRow(io->steerMatrix + static_cast<int64_t>(b) * kChannels,
                                 beamAnglesDouble[b], 0.0, phaseScale);
+                cfloat* own = beamBlockOf(io->formedBeamIq, omp_get_thread_num());
 #pragma omp for schedule(static)
                 for (int32_t k = 0; k < blocks; ++k) {
-                    productBlock(k, B, n, kChannels, io->steerMatrix, kChannels,
-                                 io->filteredChannels, n, io->formedBeamIq, n);
-                    if (image && byColumns) conditionBlock(k);
+                    if (image && byColumns) {
+                        const int32_t col0 = k * kProductColumns;
+                        const int32_t cols = n - col0 < kProductColumns ? n - col0 : kProductColumns;
+                        const float one[2] = {1.0f, 0.0f};
+                        const float zero[2] = {0.0f, 0.0f};
+                        cblas_cgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, B, cols, kChannels,
+                                    one, io->steerMatrix, kChannels, io->filteredChannels + col0, n,
+                                    zero, own, cols);
+                        conditionBeamColumns(io->beamEnvelope, io->beamImage, own, cols, B, n,
+                                             clipRatio, col0, cols);
+                    } else {
+                        productBlock(k, B, n, kChannels, io->steerMatrix, kChannels,
+                                     io->filteredChannels, n, io->formedBeamIq, n);
+                    }
                 }
                 if (image && !byColumns) {
 #pragma omp for schedule(static)
@@ -245,12 +266,19 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
                             beamAnglesDouble[b], roll, phaseScale);
             const float one[2] = {1.0f, 0.0f};
             const float zero[2] = {0.0f, 0.0f};
-            cblas_cgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, B, len, kChannels, one,
-                        steer, kChannels, io->filteredChannels + start, n, zero,
-                        io->formedBeamIq + start, n);
-            if (image)
-                conditionBeamColumns(io->beamEnvelope, io->beamImage, io->formedBeamIq + start, n,
-                                     B, n, clipRatio, start, len);
+            if (image) {
+                // The segment's beams in a block of the thread's own, in its
+                // cache until their image is made.
+                cfloat* own = beamBlockOf(io->formedBeamIq, omp_get_thread_num());
+                cblas_cgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, B, len, kChannels, one,
+                            steer, kChannels, io->filteredChannels + start, n, zero, own, len);
+                conditionBeamColumns(io->beamEnvelope, io->beamImage, own, len, B, n, clipRatio,
+                                     start, len);
+            } else {
+                cblas_cgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, B, len, kChannels, one,
+                            steer, kChannels, io->filteredChannels + start, n, zero,
+                            io->formedBeamIq + start, n);
+            }
             if (!io->splitLater)
                 correlateSubAperturesSectionedOnThread(io->rawChannels + start, len, n,
                                                        segmentRollLocal[s], soundSpeed, beamAngles,
