@@ -82,6 +82,11 @@ struct BeamformingIo {
     // When set, formBeams leaves splitBeamIq alone: formSplitProducts forms
     // the samples of it that are needed, once they are known.
     bool splitLater = false;
+    // When given (with the image), the fan picture is drawn from each piece
+    // of the image as soon as it is made (displayImage cleared beforehand).
+    const WedgePlan* wedge = nullptr;
+    float imageGain = 1.0f;
+    uint8_t* displayImage = nullptr;
 };
 
 // Forms formedBeamIq and splitBeamIq (and the unsmoothed amplitude image,

@@ -190,6 +190,13 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
             // blocks of rows (short pings) the image follows.
             const int32_t blocks = productBlockCount(B, n);
             const bool byColumns = n >= 2 * kProductColumns;
+            const bool wedge = image && io->wedge != nullptr;
+            // The fan picture of the samples start..start + count - 1.
+            auto drawPiece = [&](int32_t start, int32_t count) {
+                if (wedge)
+                    drawWedgeSamples(*io->wedge, io->beamImage, io->imageGain, io->displayImage,
+                                     start, count);
+            };
             const int32_t tiles = (n + kProductColumns - 1) / kProductColumns;
             // The image of columns k * 256 to k * 256 + 255.
             auto conditionBlock = [&](int32_t k) {
@@ -217,6 +224,7 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
                                     zero, own, cols);
                         conditionBeamColumns(io->beamEnvelope, io->beamImage, own, cols, B, n,
                                              clipRatio, col0, cols);
+                        drawPiece(col0, cols);
                     } else {
                         productBlock(k, B, n, kChannels, io->steerMatrix, kChannels,
                                      io->filteredChannels, n, io->formedBeamIq, n);
@@ -224,9 +232,14 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
                 }
                 if (image && !byColumns) {
 #pragma omp for schedule(static)
-                    for (int32_t k = 0; k < tiles; ++k) conditionBlock(k);
+                    for (int32_t k = 0; k < tiles; ++k) {
+                        conditionBlock(k);
+                        drawPiece(k * kProductColumns, kProductColumns);
+                    }
                 }
             }
+            if (wedge) drawWedgeBorders(*io->wedge, io->beamImage, io->imageGain, io->displayImage,
+                                        kProductColumns);
         }
         setMatrixThreads(savedThreads);
         return 0.0f;
@@ -274,6 +287,9 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
                             steer, kChannels, io->filteredChannels + start, n, zero, own, len);
                 conditionBeamColumns(io->beamEnvelope, io->beamImage, own, len, B, n, clipRatio,
                                      start, len);
+                if (io->wedge != nullptr)
+                    drawWedgeSamples(*io->wedge, io->beamImage, io->imageGain, io->displayImage,
+                                     start, len);
             } else {
                 cblas_cgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, B, len, kChannels, one,
                             steer, kChannels, io->filteredChannels + start, n, zero,
@@ -286,6 +302,9 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
         }
     }
     setMatrixThreads(savedThreads);
+    if (image && io->wedge != nullptr)
+        drawWedgeBorders(*io->wedge, io->beamImage, io->imageGain, io->displayImage,
+                         kSegmentLength);
     // The tracker sees the roll of the last segment (with no segment, the
     // host's first roll sample).
     return segments > 0 ? segmentRollLocal[segments - 1] : params->rollAngle[0];

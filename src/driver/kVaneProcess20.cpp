@@ -130,29 +130,37 @@ bool processPing(KVaneParams* params, KVaneInput* input, KVaneResult* result) {
         finishBeamFan(beamAngles, beamAnglesDouble, result->beamAngleCopies, params->sectorPort,
                       params->sectorStarboard, params->beamSpacing, B, &retained.geometrySignature);
 
-    // 7. Beams. The split-aperture products follow once the detection's gates
-    // say which of their samples it reads (step 10).
-    BeamformingIo io{ws.filteredChannels, ws.rawChannels,           ws.formedBeamIq,
-                     ws.splitBeamIq,      ws.steerMatrix,           ws.split,
-                     &retained.lastRollAngle, &retained.lastRollTime, ws.beamEnvelope,
-                     result->beamImage,   true};
-    const bool segmented = params->rollCount != 1;
-    const float angleOffset = formBeams(params, result, beamAngles, beamAnglesDouble, n, &io);
-
-    // 8. Amplitude image: formed with the beams; smoothed here when asked.
-    if (params->gainSwitch != 0.0f) smoothBeamImage(ws.beamEnvelope, result->beamImage, B, n);
-
-    // 9. Sector grid and water-column wedge: they need the image alone, and
-    // are drawn while it is still in the cache.
+    // 7. Sector grid of the water-column wedge. The wedge needs the image
+    // alone: for an equal-angle fan without smoothing it is drawn piece by
+    // piece as the image is formed, while each piece is in the cache.
     updateSectorGrid(&retained.grid, params->sectorPort, params->sectorStarboard,
                      params->imageWidth, params->imageHeight, n, B);
     std::memset(result->displayImage, 0,
                 static_cast<std::size_t>(params->imageWidth) *
                     static_cast<std::size_t>(params->imageHeight));
-    renderWaterColumnImage(result->beamImage, B, n, beamAngles, params->sectorPort,
-                           params->sectorStarboard, params->beamSpacing, params->imageGain,
-                           result->displayImage, params->imageWidth, params->imageHeight,
-                           &retained.grid, &ws.wedge);
+    const bool wedgeByPieces =
+        params->gainSwitch == 0.0f && params->beamSpacing == 1 &&
+        prepareWedgePlan(&ws.wedgePlan, &retained.grid, B, n, params->imageWidth,
+                         params->imageHeight);
+
+    // 8. Beams and their amplitude image. The split-aperture products follow
+    // once the detection's gates say which of their samples it reads (step 10).
+    BeamformingIo io{ws.filteredChannels, ws.rawChannels,           ws.formedBeamIq,
+                     ws.splitBeamIq,      ws.steerMatrix,           ws.split,
+                     &retained.lastRollAngle, &retained.lastRollTime, ws.beamEnvelope,
+                     result->beamImage,   true,
+                     wedgeByPieces ? &ws.wedgePlan : nullptr, params->imageGain,
+                     result->displayImage};
+    const bool segmented = params->rollCount != 1;
+    const float angleOffset = formBeams(params, result, beamAngles, beamAnglesDouble, n, &io);
+
+    // 9. The image smoothed when asked, and the wedge when not drawn yet.
+    if (params->gainSwitch != 0.0f) smoothBeamImage(ws.beamEnvelope, result->beamImage, B, n);
+    if (!wedgeByPieces)
+        renderWaterColumnImage(result->beamImage, B, n, beamAngles, params->sectorPort,
+                               params->sectorStarboard, params->beamSpacing, params->imageGain,
+                               result->displayImage, params->imageWidth, params->imageHeight,
+                               &retained.grid, &ws.wedge);
 
     // 10. Candidates.
     for (int32_t i = 0; i < 6 * B; ++i) {

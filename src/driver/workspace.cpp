@@ -83,6 +83,9 @@ void buildWorkspace() {
     ws.wedge.regrid = alloc<float>(kBeamSet);
     ws.wedge.angleGrid = alloc<float>(256);
     ws.wedge.sourceBeam = alloc<int32_t>(256);
+    ws.wedgePlan = WedgePlan{};
+    ws.wedgePlan.pixels = alloc<WedgePixel>(kGridCapacity);
+    ws.wedgePlan.firstPixel = alloc<int32_t>(8002);
     ws.waterfall = alloc<float>(static_cast<std::size_t>(kWaterfallRows) * kWaterfallRowLength);
 
     candidateRecords = static_cast<EchoCandidate*>(std::calloc(1536, sizeof(EchoCandidate)));
@@ -102,6 +105,7 @@ void buildWorkspace() {
                    ws.detect.gateQ, ws.detect.gatePhase, ws.detect.scratchA, ws.detect.scratchB,
                    retained.grid.x, retained.grid.y, retained.grid.range, retained.grid.beam,
                    ws.wedge.regrid, ws.wedge.angleGrid, ws.wedge.sourceBeam,
+                   ws.wedgePlan.pixels, ws.wedgePlan.firstPixel,
                    ws.waterfall, candidateRecords};
     bool ok = true;
     for (void* p : all) ok = ok && p != nullptr;
@@ -141,6 +145,9 @@ void releaseWorkspace() {
     release(ws.wedge.regrid);
     release(ws.wedge.angleGrid);
     release(ws.wedge.sourceBeam);
+    release(ws.wedgePlan.pixels);
+    release(ws.wedgePlan.firstPixel);
+    ws.wedgePlan.ready = false;
     release(ws.waterfall);
     std::free(candidateRecords);
     candidateRecords = nullptr;

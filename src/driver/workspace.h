@@ -30,6 +30,7 @@ struct KVaneWorkspace {
     SplitScratch split;          // sub-beams, sum (2,048,000 each), aligned, alignScratch
     DetectWork detect;           // per-beam and per-gate lines, one set per thread of the team
     WedgeWork wedge;             // wedge picture scratch
+    WedgePlan wedgePlan;         // the equal-angle wedge by image samples
     float* waterfall;            // 3,200,000, zeroed at allocation
 };
 
