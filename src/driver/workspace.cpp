@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "../../include/kVane.h"
 
@@ -110,6 +111,29 @@ void buildWorkspace() {
     bool ok = true;
     for (void* p : all) ok = ok && p != nullptr;
     ws.built = ok;
+    if (!ok) return;
+
+    // What every full-size ping writes is made resident now rather than on
+    // the first ping: the channels and their magnitudes, the image, the
+    // split-aperture products, the threads' blocks of beams and correlator
+    // scratch, the detector lines and the waterfall.
+    constexpr std::size_t kThreadBeamBlocks = kTeamCapacity * 256 * 256;
+    constexpr std::size_t kThreadAligned = kTeamCapacity * 64 * 256;
+    constexpr std::size_t kThreadSubBeams = kTeamCapacity * 24 * 256;
+    const std::pair<void*, std::size_t> resident[] = {
+        {ws.rawChannels, sizeof(cfloat) * kChannelSet},
+        {ws.filteredChannels, sizeof(cfloat) * kChannelSet},
+        {ws.channelEnvelope, sizeof(float) * kChannelSet},
+        {ws.magnitudeBySample, sizeof(float) * kChannelSet},
+        {ws.beamEnvelope, sizeof(float) * kBeamSet},
+        {ws.splitBeamIq, sizeof(cfloat) * kBeamSet},
+        {ws.formedBeamIq, sizeof(cfloat) * kThreadBeamBlocks},
+        {ws.split.alignedChannels, sizeof(cfloat) * kThreadAligned},
+        {ws.split.subBeamLow, sizeof(cfloat) * kThreadSubBeams},
+        {ws.split.subBeamMid, sizeof(cfloat) * kThreadSubBeams},
+        {ws.split.subBeamHigh, sizeof(cfloat) * kThreadSubBeams},
+        {ws.waterfall, sizeof(float) * kWaterfallRows * kWaterfallRowLength}};
+    for (const auto& [p, bytes] : resident) makeResident(p, bytes);
 }
 
 void releaseWorkspace() {

@@ -53,6 +53,9 @@ int matrixThreads();
 // nullptr for count < 1. Release with alignedFree.
 void* alignedAlloc(std::size_t count, std::size_t elemSize);
 void alignedFree(void* p);
+// Makes the first `bytes` of an allocation of alignedAlloc resident (they
+// keep reading as zeros), so that the first ping does not pay for it.
+void makeResident(void* p, std::size_t bytes);
 
 // Round half away from zero.
 float roundHalfAway(float x);
