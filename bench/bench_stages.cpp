@@ -321,7 +321,9 @@ void Stage_updateSideScanWaterfall(benchmark::State& state) {
     for (auto _ : state) {
         updateSideScanWaterfall(result->beamImage, B, n, result->beamAngleCopies,
                                 result->bottomSample, result->sideScanImage, p.sideScanMode,
-                                p.sideScanRows, r.firstEchoSample, ws.waterfall);
+                                p.sideScanRows, r.firstEchoSample,
+                                WaterfallRing{ws.waterfall, &retained.waterfallHead,
+                                              &retained.waterfallSpan});
         benchmark::ClobberMemory();
     }
 }

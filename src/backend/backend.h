@@ -139,13 +139,22 @@ void drawWedgeBorders(const WedgePlan& plan, const float* beamImage, float image
                       uint8_t* displayImage, int32_t pieceLength);
 
 // Scrolling port/starboard waterfall: 200 rows of 16000 floats, newest at
-// row 0, kept between pings.
+// row 0, kept between pings. The scroll moves no data: the first `span` rows
+// (the visible count of the last ping) form a ring whose row 0 is the stored
+// row `head`; rows from span on lie in place. When the visible count changes,
+// the ring is first laid out in order again, so the rows are exactly those
+// that moving the first sideScanRows - 1 rows down by one would give.
 constexpr int32_t kWaterfallRowLength = 16000;
 constexpr int32_t kWaterfallRows = 200;
+struct WaterfallRing {
+    float* rows;    // kWaterfallRows rows of kWaterfallRowLength
+    int32_t* head;  // retained
+    int32_t* span;  // retained
+};
 void updateSideScanWaterfall(const float* beamImage, int32_t beamCount, int32_t sampleCount,
                              const float* beamAngles, const float* bottomSample,
                              float* sideScanImage, int32_t sideScanMode, int32_t sideScanRows,
-                             int32_t firstEchoSample, float* waterfall);
+                             int32_t firstEchoSample, const WaterfallRing& waterfall);
 
 // Slant-range smoothing in the depth domain (not used by the ping path).
 // ranges, angles: count entries (count <= 256); output: at least count floats.

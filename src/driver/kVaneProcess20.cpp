@@ -208,7 +208,9 @@ bool processPing(KVaneParams* params, KVaneInput* input, KVaneResult* result) {
     // 15. Side-scan waterfall.
     updateSideScanWaterfall(result->beamImage, B, n, result->beamAngleCopies,
                             result->bottomSample, result->sideScanImage, params->sideScanMode,
-                            params->sideScanRows, firstEchoSample, ws.waterfall);
+                            params->sideScanRows, firstEchoSample,
+                            WaterfallRing{ws.waterfall, &retained.waterfallHead,
+                                          &retained.waterfallSpan});
     return true;
 }
 

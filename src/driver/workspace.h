@@ -48,6 +48,8 @@ struct KVaneRetained {
     float trackHistory[768];
     int32_t gateTable[512];
     uint8_t firstBeamPending;
+    int32_t waterfallHead;       // the waterfall's ring (its rows are in the workspace)
+    int32_t waterfallSpan;
 };
 
 extern KVaneWorkspace ws;
