@@ -1,6 +1,9 @@
 // workspace.cpp - the Malloc and Free entry points and the global workspace.
 #include "workspace.h"
 
+#include <cblas.h>
+#include <omp.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -38,6 +41,30 @@ KVaneRetained retained = makeRetained();
 EchoCandidate* candidateSlots[1536] = {};
 
 namespace {
+
+constexpr std::size_t kHarnessPixels = 824 * 329;
+
+// Starts the thread team and lets each thread make the matrix library's
+// products of both shapes a ping makes (on zeros, into scratch a ping
+// overwrites), so that the first ping finds the threads and the library's
+// buffers ready.
+void warmUpTeam() {
+    const int saved = matrixThreads();
+    setMatrixThreads(1);
+    const float one[2] = {1.0f, 0.0f};
+    const float zero[2] = {0.0f, 0.0f};
+#pragma omp parallel num_threads(teamSize())
+    {
+        const int t = omp_get_thread_num();
+        cfloat* block = ws.formedBeamIq + static_cast<std::size_t>(t) * 256 * 256;
+        cblas_cgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, 256, 256, 64, one, ws.steerMatrix,
+                    64, ws.rawChannels, 8000, zero, block, 256);
+        const SplitThreadStore store = splitThreadStore(&ws.split, t);
+        cblas_cgemm(CblasRowMajor, CblasTrans, CblasNoTrans, 18, 256, 32, one, ws.rawChannels, 18,
+                    store.aligned, 256, zero, store.subBeams[0], 256);
+    }
+    setMatrixThreads(saved);
+}
 
 void buildWorkspace() {
     if (ws.built) return;  // a second Malloc without Free keeps the first workspace
@@ -132,8 +159,15 @@ void buildWorkspace() {
         {ws.split.subBeamLow, sizeof(cfloat) * kThreadSubBeams},
         {ws.split.subBeamMid, sizeof(cfloat) * kThreadSubBeams},
         {ws.split.subBeamHigh, sizeof(cfloat) * kThreadSubBeams},
-        {ws.waterfall, sizeof(float) * kWaterfallRows * kWaterfallRowLength}};
+        {ws.waterfall, sizeof(float) * kWaterfallRows * kWaterfallRowLength},
+        // The sector grid and the wedge's plan of the harness's 824 x 329 picture.
+        {retained.grid.range, sizeof(float) * kHarnessPixels},
+        {retained.grid.beam, sizeof(float) * kHarnessPixels},
+        {retained.grid.x, sizeof(float) * kHarnessPixels},
+        {retained.grid.y, sizeof(float) * kHarnessPixels},
+        {ws.wedgePlan.pixels, sizeof(WedgePixel) * kHarnessPixels}};
     for (const auto& [p, bytes] : resident) makeResident(p, bytes);
+    warmUpTeam();
 }
 
 void releaseWorkspace() {
