@@ -205,14 +205,20 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
                 conditionBeamColumns(io->beamEnvelope, io->beamImage, io->formedBeamIq + col0, n,
                                      B, n, clipRatio, col0, cols);
             };
+            // Each thread times its share of the blocks (see noteTeamShares).
+            double shares[kTeamCapacity] = {-1.0, -1.0, -1.0};
+            int team = 1;
 #pragma omp parallel num_threads(teamSize())
             {
 #pragma omp for schedule(static)
                 for (int32_t b = 0; b < B; ++b)
                     steeringRow(io->steerMatrix + static_cast<int64_t>(b) * kChannels,
                                 beamAnglesDouble[b], 0.0, phaseScale);
-                cfloat* own = beamBlockOf(io->formedBeamIq, omp_get_thread_num());
-#pragma omp for schedule(static)
+                const int thread = omp_get_thread_num();
+                cfloat* own = beamBlockOf(io->formedBeamIq, thread);
+                TeamShareClock clock;
+                clock.start();
+#pragma omp for schedule(static) nowait
                 for (int32_t k = 0; k < blocks; ++k) {
                     if (image && byColumns) {
                         const int32_t col0 = k * kProductColumns;
@@ -230,7 +236,10 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
                                      io->filteredChannels, n, io->formedBeamIq, n);
                     }
                 }
+                if (thread < kTeamCapacity) shares[thread] = clock.stop();
+                if (thread == 0) team = omp_get_num_threads();
                 if (image && !byColumns) {
+#pragma omp barrier
 #pragma omp for schedule(static)
                     for (int32_t k = 0; k < tiles; ++k) {
                         conditionBlock(k);
@@ -238,6 +247,7 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
                     }
                 }
             }
+            noteTeamShares(shares, team);
             if (wedge) drawWedgeBorders(*io->wedge, io->beamImage, io->imageGain, io->displayImage,
                                         kProductColumns);
         }
@@ -264,12 +274,18 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
     // the channels and writing its columns of the ping's rows in place.
     // Segments own disjoint columns, and each thread steers into a matrix of
     // its own (so steerMatrix is not used on this path).
+    // Each thread times its share of the segments (see noteTeamShares).
+    double shares[kTeamCapacity] = {-1.0, -1.0, -1.0};
+    int team = 1;
 #pragma omp parallel num_threads(teamSize())
     {
-        const SplitThreadStore store = splitThreadStore(&io->split, omp_get_thread_num());
+        const int thread = omp_get_thread_num();
+        const SplitThreadStore store = splitThreadStore(&io->split, thread);
         // The thread's own steering matrix, B x 64 (128 KB of stack).
         cfloat steer[kMaxBeams * kChannels];
-#pragma omp for schedule(static)
+        TeamShareClock clock;
+        clock.start();
+#pragma omp for schedule(static) nowait
         for (int32_t s = 0; s < segments; ++s) {
             const int32_t start = s * kSegmentLength;
             const int32_t len = n - start < kSegmentLength ? n - start : kSegmentLength;
@@ -300,7 +316,10 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
                                                        segmentRollLocal[s], soundSpeed, beamAngles,
                                                        B, io->splitBeamIq + start, n, &store);
         }
+        if (thread < kTeamCapacity) shares[thread] = clock.stop();
+        if (thread == 0) team = omp_get_num_threads();
     }
+    noteTeamShares(shares, team);
     setMatrixThreads(savedThreads);
     if (image && io->wedge != nullptr)
         drawWedgeBorders(*io->wedge, io->beamImage, io->imageGain, io->displayImage,

@@ -84,6 +84,7 @@ void formSplitProductsFor(const SampleWindows& windows, void* context) {
 // Runs one ping; false when it was skipped.
 bool processPing(KVaneParams* params, KVaneInput* input, KVaneResult* result) {
     if (!pingIsRunnable(params, input, result)) return false;
+    beginTeamPing();
     const int32_t n = input->sampleCount;
     const int32_t B = params->beamCount;
 

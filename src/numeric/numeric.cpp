@@ -3,7 +3,9 @@
 
 #include <cblas.h>
 #include <omp.h>
+#include <sched.h>
 #include <sys/mman.h>
+#include <time.h>
 
 #include <algorithm>
 #include <cmath>
@@ -14,9 +16,84 @@
 
 namespace kvane {
 
+namespace {
+
+// The cores the process may run on, read at each ping's start.
+int allowedCores = 0;
+// One thread while other work holds the cores; the countdown to the next
+// try of the whole team, and the wait after a failed try.
+bool crowded = false;
+int pingsUntilTry = 0;
+int tryInterval = 16;
+constexpr int kLongestTryInterval = 256;
+// A share that got less of a core than this was slowed by other work.
+constexpr double kWholeCore = 0.8;
+// Shares shorter than this are not judged (timer and scheduling noise).
+constexpr double kShortestShare = 0.5e-3;
+
+int processCores() {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    if (sched_getaffinity(0, sizeof set, &set) != 0) return 0;
+    return CPU_COUNT(&set);
+}
+
+double wallSeconds() {
+    timespec t{};
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
+}
+
+double threadCpuSeconds() {
+    timespec t{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
+}
+
+}  // namespace
+
 int teamSize() {
     int t = omp_get_max_threads();
+    if (allowedCores > 0 && allowedCores < t) t = allowedCores;
+    if (crowded && pingsUntilTry > 0) t = 1;
     return t < kTeamCapacity ? (t < 1 ? 1 : t) : kTeamCapacity;
+}
+
+void beginTeamPing() {
+    allowedCores = processCores();
+    if (crowded && pingsUntilTry > 0) --pingsUntilTry;
+}
+
+void TeamShareClock::start() {
+    wallStart = wallSeconds();
+    cpuStart = threadCpuSeconds();
+}
+
+double TeamShareClock::stop() const {
+    const double wall = wallSeconds() - wallStart;
+    if (wall < kShortestShare) return -1.0;
+    return (threadCpuSeconds() - cpuStart) / wall;
+}
+
+void noteTeamShares(const double* shares, int team) {
+    if (team < 2) return;  // one thread says nothing about the others' cores
+    bool judged = false;
+    bool slowed = false;
+    for (int i = 0; i < team; ++i) {
+        if (shares[i] < 0.0) continue;
+        judged = true;
+        slowed = slowed || shares[i] < kWholeCore;
+    }
+    if (!judged) return;
+    if (slowed) {
+        // Wait longer before each further try while the cores stay taken.
+        tryInterval = crowded ? std::min(2 * tryInterval, kLongestTryInterval) : 16;
+        crowded = true;
+        pingsUntilTry = tryInterval;
+    } else {
+        crowded = false;
+        tryInterval = 16;
+    }
 }
 
 bool cpuHasAvx2() {

@@ -18,10 +18,29 @@ struct cfloat {
 };
 
 // Size of the thread team of every parallel loop: the design value 3, but not
-// more than OpenMP would run (so OMP_NUM_THREADS=1 runs serially). Scratch
-// buffers that are split per thread hold three slices.
+// more than OpenMP would run (so OMP_NUM_THREADS=1 runs serially) nor than
+// the processors the process may run on. Scratch buffers that are split per
+// thread hold three slices. No result depends on the team's size.
 constexpr int kTeamCapacity = 3;
 int teamSize();
+
+// The team follows the cores the process actually gets. A ping starts with
+// beginTeamPing (which takes the processors the process may run on now);
+// the threads of its largest parallel loop time their share of it (wall and
+// own processor time, TeamShareClock) and the ping ends its loop with
+// noteTeamShares. When a thread got clearly less than a whole core for its
+// share, other work holds the cores: the following pings run on one thread,
+// and every so often (less often while it lasts) one ping tries the whole
+// team again.
+void beginTeamPing();
+struct TeamShareClock {
+    double wallStart = 0.0, cpuStart = 0.0;
+    void start();
+    // The share's processor time over its wall time; negative for shares
+    // too short to judge.
+    double stop() const;
+};
+void noteTeamShares(const double* shares, int team);
 
 // The hottest loops are built twice: for the baseline processor and for one
 // with AVX2, which runs the same single-precision operations on wider vectors
