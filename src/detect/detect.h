@@ -137,6 +137,13 @@ float quadraticRoot(float a, float b, float c, float limit);
 // with 0.001 added to every element. out may not alias x.
 void cumulativeTrapezoid(float* out, const float* x, int n);
 
+// LAPACKE_sgels(LAPACK_ROW_MAJOR, 'N', m, 3, 1, A, 3, rhs, 1) without the
+// wrapper's copies, allocations and workspace query: the same LAPACK routine
+// on the same numbers, and the same refusal of input holding a NaN (nothing
+// changes then). A: m rows of 3, row-major, left as scratch (not the
+// factors). rhs: m floats; the solution lands in its first three.
+void leastSquaresColumns3(float* A, float* rhs, int m);
+
 // Quadratic fit to y (n >= 5 floats) at k = 1..n by iteratively reweighted
 // least squares (bisquare weights, leverage adjustment, at most 10 rounds).
 // coef receives (a, b, c) of a*k^2 + b*k + c. scratch: 10 * n floats.

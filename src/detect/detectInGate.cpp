@@ -95,7 +95,7 @@ void detectPhase(GateDetection* result, const float* ph, int m, const float* gat
         A[3 * (k - 1) + 2] = 1.0f;
         rhs[k - 1] = ph[start + k - 1];
     }
-    LAPACKE_sgels(LAPACK_ROW_MAJOR, 'N', nFit, 3, 1, A, 3, rhs, 1);
+    leastSquaresColumns3(A, rhs, nFit);
     float qa = rhs[0], qb = rhs[1], qc = rhs[2];
     float root = quadraticRoot(qa, qb, qc, static_cast<float>(span2));
     if (truncToInt(root) == 0) return;
