@@ -1,9 +1,10 @@
 // bench_stages.cpp - each stage of a full-size ping (64 x 8000 samples, 256
-// beams, the replay tool's settings) timed alone on the workspace buffers of
-// a real ping. Before a benchmark the whole reference ping has run through
-// kVaneProcess20 (again, whenever something else used the workspace since),
-// so the buffers a stage reads hold that ping's data; stages that change their
-// input in place get it back, outside the timing, before every iteration.
+// beams, the host's settings of bench_common.h) timed alone on the workspace
+// buffers of a real ping. Before a benchmark a whole ping of the recording has
+// run through kVaneProcess20 (again, whenever something else used the
+// workspace since), so the buffers a stage reads hold that ping's data; stages
+// that change their input in place get it back, outside the timing, before
+// every iteration.
 //
 // The program's main adds the OpenBLAS core type and the kernel's team size
 // to the benchmark context.
@@ -52,9 +53,9 @@ Reference& reference() {
     return r;
 }
 
-// Runs the reference ping unless the workspace still holds it (eight times on
-// the first call, so the first-echo history holds its value only) and
-// rebuilds the driver's locals from it.
+// Runs the next ping of the recording unless the workspace still holds the
+// reference (eight pings on the first call, so the first-echo history holds
+// the recording's value) and rebuilds the driver's locals from it.
 void primeWorkspace() {
     if (kvbench::workspaceHoldsReference) return;
     kvbench::ensureWorkspace();
@@ -188,7 +189,7 @@ void Stage_formBeams(benchmark::State& state) {
     Reference& r = reference();
     KVaneParams params = r.ping->params;
     if (state.range(0) != 0) {
-        const kvsim::SimPing& sim = kvbench::simulatedPing(n);
+        const kvsim::SimPing& sim = r.ping->pings[(r.ping->next - 1) % r.ping->pings.size()];
         const size_t count = std::min<size_t>(sim.rollTime.size(), 100);
         params.rollCount = static_cast<int32_t>(count);
         for (size_t i = 0; i < count; ++i) {
@@ -320,7 +321,9 @@ void Stage_updateSideScanWaterfall(benchmark::State& state) {
     for (auto _ : state) {
         updateSideScanWaterfall(result->beamImage, B, n, result->beamAngleCopies,
                                 result->bottomSample, result->sideScanImage, p.sideScanMode,
-                                p.sideScanRows, r.firstEchoSample, ws.waterfall);
+                                p.sideScanRows, r.firstEchoSample,
+                                WaterfallRing{ws.waterfall, &retained.waterfallHead,
+                                              &retained.waterfallSpan});
         benchmark::ClobberMemory();
     }
 }

@@ -196,8 +196,10 @@ namespace {
 struct Waterfall {
     std::vector<float> memory = std::vector<float>(kWaterfallRows * kWaterfallRowLength, 0.0f);
     std::vector<float> shown = std::vector<float>(3200000 + 64, -7.0f);
+    int32_t ringHead = 0, ringSpan = 0;
     void ping(const float* img, int B, int S, const float* angles, const float* bottom, int mode, int rows, int d) {
-        updateSideScanWaterfall(img, B, S, angles, bottom, shown.data(), mode, rows, d, memory.data());
+        updateSideScanWaterfall(img, B, S, angles, bottom, shown.data(), mode, rows, d,
+                                kvane::WaterfallRing{memory.data(), &ringHead, &ringSpan});
     }
     std::vector<float> head(int n) const { return {shown.begin(), shown.begin() + n}; }
 };
@@ -223,6 +225,24 @@ TEST(Waterfall, RowsScrollAndOtherModes) {
     wf.ping(img.data(), 6, 6, kSixAngles, bottom, 3, 10, 0);
     EXPECT_EQ(wf.memory, before);
     EXPECT_EQ(wf.shown[0], -7.0f);
+}
+
+// The rows shown when the visible count changes from ping to ping are those of
+// a store whose first rows - 1 rows move down by one on every ping.
+TEST(Waterfall, ChangingRowCountsShowTheScrolledRows) {
+    const float bottom[6] = {};
+    std::vector<float> model(kWaterfallRows, 0.0f);  // one value per row: the line's level
+    Waterfall wf;
+    const int counts[] = {10, 10, 12, 12, 12, 10, 200, 10, 15, 15, 15, 15, 15, 15, 15, 15, 11, 200};
+    float level = 1.0f;
+    for (int rows : counts) {
+        std::vector<float> img(6 * 6, level);
+        wf.ping(img.data(), 6, 6, kSixAngles, bottom, 2, rows, 0);
+        std::copy_backward(model.begin(), model.begin() + rows - 1, model.begin() + rows);
+        model[0] = level;
+        for (int r = 0; r < rows; ++r) ASSERT_EQ(wf.shown[r * 12 + 3], model[r]) << rows << " " << r;
+        level += 1.0f;
+    }
 }
 
 TEST(Waterfall, WholeRecordMeansOddWidthAndNearRangeShift) {

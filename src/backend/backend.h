@@ -101,14 +101,60 @@ void renderWaterColumnImage(const float* beamImage, int32_t beamCount, int32_t s
                             int32_t imageWidth, int32_t imageHeight, const SectorGrid* grid,
                             const WedgeWork* work);
 
+// The picture of an equal-angle fan (beamSpacing 1, no smoothing) drawn
+// piece by piece while the image is formed: the pixels that show the image,
+// each with the four samples it blends, ordered by the later of its two
+// sample positions. A piece of samples is drawn as soon as its columns of the
+// image are final and still in the cache; the pixels that blend samples of
+// two pieces are drawn at the end. Every pixel gets the value
+// renderWaterColumnImage gives it.
+struct WedgePixel {
+    int32_t out;        // byte of displayImage
+    int32_t beam;       // lower beam of the blend
+    int32_t near;       // the two samples of the blend
+    int32_t far;
+    float beamWeight;   // weight of the lower beam
+    float rangeWeight;  // weight of the near sample
+};
+struct WedgePlan {
+    WedgePixel* pixels;     // kGridCapacity
+    int32_t* firstPixel;    // 8002: pixels with far sample t start at firstPixel[t]
+    int32_t count;
+    bool ready;
+    // What the plan was made from.
+    const float* gridBeam;
+    int32_t signature, rows, cols, cells, beamCount, sampleCount, imageWidth, imageHeight;
+    uint8_t fitsHeight;
+};
+// Makes the plan for this ping's grid and sizes (kept while they stay); false
+// when renderWaterColumnImage would draw nothing for them.
+bool prepareWedgePlan(WedgePlan* plan, const SectorGrid* grid, int32_t beamCount,
+                      int32_t sampleCount, int32_t imageWidth, int32_t imageHeight);
+// Draws the pixels whose samples all lie in start..start + count - 1.
+void drawWedgeSamples(const WedgePlan& plan, const float* beamImage, float imageGain,
+                      uint8_t* displayImage, int32_t start, int32_t count);
+// Draws the pixels whose two samples lie on either side of a multiple of
+// pieceLength: with drawWedgeSamples over pieces of that length, every pixel.
+void drawWedgeBorders(const WedgePlan& plan, const float* beamImage, float imageGain,
+                      uint8_t* displayImage, int32_t pieceLength);
+
 // Scrolling port/starboard waterfall: 200 rows of 16000 floats, newest at
-// row 0, kept between pings.
+// row 0, kept between pings. The scroll moves no data: the first `span` rows
+// (the visible count of the last ping) form a ring whose row 0 is the stored
+// row `head`; rows from span on lie in place. When the visible count changes,
+// the ring is first laid out in order again, so the rows are exactly those
+// that moving the first sideScanRows - 1 rows down by one would give.
 constexpr int32_t kWaterfallRowLength = 16000;
 constexpr int32_t kWaterfallRows = 200;
+struct WaterfallRing {
+    float* rows;    // kWaterfallRows rows of kWaterfallRowLength
+    int32_t* head;  // retained
+    int32_t* span;  // retained
+};
 void updateSideScanWaterfall(const float* beamImage, int32_t beamCount, int32_t sampleCount,
                              const float* beamAngles, const float* bottomSample,
                              float* sideScanImage, int32_t sideScanMode, int32_t sideScanRows,
-                             int32_t firstEchoSample, float* waterfall);
+                             int32_t firstEchoSample, const WaterfallRing& waterfall);
 
 // Slant-range smoothing in the depth domain (not used by the ping path).
 // ranges, angles: count entries (count <= 256); output: at least count floats.

@@ -3,6 +3,7 @@
 // grid.
 #include <algorithm>
 #include <cstdint>
+#include <vector>
 
 #include "backend.h"
 
@@ -88,6 +89,32 @@ void regridBeams(const float* beamImage, float* regrid, float* angleGrid, int32_
     }
 }
 
+// The blend of one pixel: a, b the near and far sample of the lower beam, c,
+// d those of the upper one.
+inline uint8_t blendPixel(float a, float b, float c, float d, float fu, float fv,
+                          float imageGain) {
+    const float lowColumn = fv * a + (1.0f - fv) * b;
+    const float highColumn = fv * c + (1.0f - fv) * d;
+    const float level = fu * lowColumn + (1.0f - fu) * highColumn;
+    return toByte(level * imageGain);
+}
+
+// The part of the grid that lands in the raster: rows 0..rows - 1, columns
+// firstCol..endCol - 1, shifted by offset. False when nothing does.
+bool rasterWindow(const SectorGrid* grid, int32_t imageWidth, int32_t imageHeight, int32_t* rows,
+                  int32_t* firstCol, int32_t* endCol, int32_t* offset) {
+    if (grid->cells <= 0) return false;
+    *rows = std::min(grid->rows, imageHeight);
+    const int32_t cols = grid->cols;
+    // With the height fitted the narrower wedge is centred; a grid wider than
+    // the raster gets a negative offset and loses both edges.
+    *offset =
+        grid->fitsHeight ? static_cast<int32_t>(static_cast<double>(imageWidth - cols) * 0.5) : 0;
+    *firstCol = std::max(0, -*offset);
+    *endCol = std::min(cols, imageWidth - *offset);
+    return *rows > 0 && *endCol > *firstCol;
+}
+
 // The remap of the grid into displayImage, with the gain and the conversion
 // to bytes. A: the source matrix, value (sample v, beam u) at A[v * vStride +
 // u * uStride]: the beam-major image itself, or the sample-major regrid. Grid
@@ -96,16 +123,9 @@ void regridBeams(const float* beamImage, float* regrid, float* angleGrid, int32_
 void remapToDisplay(const float* A, std::size_t vStride, std::size_t uStride, int32_t beamCount,
                     int32_t sampleCount, float imageGain, uint8_t* displayImage,
                     int32_t imageWidth, int32_t imageHeight, const SectorGrid* grid) {
-    if (grid->cells <= 0) return;
-    const int32_t rows = std::min(grid->rows, imageHeight);
+    int32_t rows, firstCol, endCol, offset;
+    if (!rasterWindow(grid, imageWidth, imageHeight, &rows, &firstCol, &endCol, &offset)) return;
     const int32_t cols = grid->cols;
-    // With the height fitted the narrower wedge is centred; a grid wider than
-    // the raster gets a negative offset and loses both edges.
-    const int32_t offset =
-        grid->fitsHeight ? static_cast<int32_t>(static_cast<double>(imageWidth - cols) * 0.5) : 0;
-    const int32_t firstCol = std::max(0, -offset);
-    const int32_t endCol = std::min(cols, imageWidth - offset);
-    if (rows <= 0 || endCol <= firstCol) return;
     const float lastBeam = static_cast<float>(beamCount - 1);
     const float lastSample = static_cast<float>(sampleCount - 1);
 
@@ -118,7 +138,7 @@ void remapToDisplay(const float* A, std::size_t vStride, std::size_t uStride, in
         for (int32_t c = firstCol; c < endCol; ++c) {
             const float u = beamRow[c];
             const float v = rangeRow[c];
-            float level = 0.0f;
+            uint8_t value = toByte(0.0f * imageGain);
             // Strict bounds: beam coordinate 0 and B - 1 and range S - 1 are
             // outside. A range is a magnitude; the v >= 0 test only guards
             // against a grid made by hand.
@@ -132,16 +152,110 @@ void remapToDisplay(const float* A, std::size_t vStride, std::size_t uStride, in
                 // coordinates: the picture's own interpolation, kept as it is.
                 const float* near = A + static_cast<std::size_t>(iv) * vStride + iu * uStride;
                 const float* far = A + static_cast<std::size_t>(iv1) * vStride + iu * uStride;
-                const float lowColumn = fv * near[0] + (1.0f - fv) * far[0];
-                const float highColumn = fv * near[uStride] + (1.0f - fv) * far[uStride];
-                level = fu * lowColumn + (1.0f - fu) * highColumn;
+                value = blendPixel(near[0], far[0], near[uStride], far[uStride], fu, fv, imageGain);
             }
-            out[c + offset] = toByte(level * imageGain);
+            out[c + offset] = value;
         }
     }
 }
 
 }  // namespace
+
+bool prepareWedgePlan(WedgePlan* plan, const SectorGrid* grid, int32_t beamCount,
+                      int32_t sampleCount, int32_t imageWidth, int32_t imageHeight) {
+    if (plan->pixels == nullptr || plan->firstPixel == nullptr) return false;
+    if (beamCount < 1 || beamCount > kMaxWedgeBeams || sampleCount < 1 ||
+        sampleCount > kMaxWedgeSamples)
+        return false;
+    if (plan->ready && plan->gridBeam == grid->beam && plan->signature == grid->signature &&
+        plan->rows == grid->rows && plan->cols == grid->cols && plan->cells == grid->cells &&
+        plan->fitsHeight == grid->fitsHeight && plan->beamCount == beamCount &&
+        plan->sampleCount == sampleCount && plan->imageWidth == imageWidth &&
+        plan->imageHeight == imageHeight)
+        return true;
+    plan->ready = false;
+    int32_t rows, firstCol, endCol, offset;
+    if (!rasterWindow(grid, imageWidth, imageHeight, &rows, &firstCol, &endCol, &offset))
+        return false;
+
+    // The pixels inside the bounds of remapToDisplay (the others stay 0, as
+    // the caller cleared them), counted by far sample, then placed in that
+    // order.
+    const int32_t cols = grid->cols;
+    const float lastBeam = static_cast<float>(beamCount - 1);
+    const float lastSample = static_cast<float>(sampleCount - 1);
+    int32_t* first = plan->firstPixel;
+    std::fill(first, first + sampleCount + 2, 0);
+    auto visit = [&](auto&& take) {
+        for (int32_t r = 0; r < rows; ++r)
+            for (int32_t c = firstCol; c < endCol; ++c) {
+                const std::size_t cell = static_cast<std::size_t>(r) * cols + c;
+                const float u = grid->beam[cell];
+                const float v = grid->range[cell];
+                if (u > 0.0f && u < lastBeam && v < lastSample && v >= 0.0f)
+                    take(r * imageWidth + c + offset, u, v);
+            }
+    };
+    visit([&](int32_t, float, float v) { ++first[static_cast<int32_t>(v + 1.0f) + 1]; });
+    for (int32_t t = 0; t <= sampleCount; ++t) first[t + 1] += first[t];
+    std::vector<int32_t> next(first, first + sampleCount + 1);
+    visit([&](int32_t out, float u, float v) {
+        const int32_t iu = static_cast<int32_t>(u);
+        const int32_t iv = static_cast<int32_t>(v);
+        const int32_t iv1 = static_cast<int32_t>(v + 1.0f);
+        plan->pixels[next[iv1]++] = WedgePixel{out, iu, iv, iv1, u - static_cast<float>(iu),
+                                               v - static_cast<float>(iv)};
+    });
+    plan->count = first[sampleCount];
+    plan->gridBeam = grid->beam;
+    plan->signature = grid->signature;
+    plan->rows = grid->rows;
+    plan->cols = grid->cols;
+    plan->cells = grid->cells;
+    plan->fitsHeight = grid->fitsHeight;
+    plan->beamCount = beamCount;
+    plan->sampleCount = sampleCount;
+    plan->imageWidth = imageWidth;
+    plan->imageHeight = imageHeight;
+    plan->ready = true;
+    return true;
+}
+
+namespace {
+
+inline void drawPixel(const WedgePixel& p, const float* beamImage, std::size_t S, float imageGain,
+                      uint8_t* displayImage) {
+    const float* lower = beamImage + static_cast<std::size_t>(p.beam) * S;
+    const float* upper = lower + S;
+    displayImage[p.out] = blendPixel(lower[p.near], lower[p.far], upper[p.near], upper[p.far],
+                                     p.beamWeight, p.rangeWeight, imageGain);
+}
+
+}  // namespace
+
+void drawWedgeSamples(const WedgePlan& plan, const float* beamImage, float imageGain,
+                      uint8_t* displayImage, int32_t start, int32_t count) {
+    if (!plan.ready || count < 1) return;
+    const int32_t S = plan.sampleCount;
+    const int32_t end = std::min(start + count, S);
+    if (start < 0 || start >= end) return;
+    for (int32_t i = plan.firstPixel[start]; i < plan.firstPixel[end]; ++i) {
+        const WedgePixel& p = plan.pixels[i];
+        if (p.near >= start) drawPixel(p, beamImage, static_cast<std::size_t>(S), imageGain, displayImage);
+    }
+}
+
+void drawWedgeBorders(const WedgePlan& plan, const float* beamImage, float imageGain,
+                      uint8_t* displayImage, int32_t pieceLength) {
+    if (!plan.ready || pieceLength < 1) return;
+    const int32_t S = plan.sampleCount;
+    // A far sample lies one or two samples past its near one.
+    for (int32_t border = pieceLength; border < S; border += pieceLength)
+        for (int32_t i = plan.firstPixel[border]; i < plan.firstPixel[std::min(border + 3, S)]; ++i) {
+            const WedgePixel& p = plan.pixels[i];
+            if (p.near < border) drawPixel(p, beamImage, static_cast<std::size_t>(S), imageGain, displayImage);
+        }
+}
 
 void renderWaterColumnImage(const float* beamImage, int32_t beamCount, int32_t sampleCount,
                             const float* beamAngles, float sectorPort, float sectorStarboard,

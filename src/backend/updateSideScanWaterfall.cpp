@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <vector>
 
 #include "backend.h"
 
@@ -104,7 +105,7 @@ void lineOverRecord(const float* beamImage, int32_t stride, int32_t beamCount, i
 void updateSideScanWaterfall(const float* beamImage, int32_t beamCount, int32_t sampleCount,
                              const float* beamAngles, const float* bottomSample,
                              float* sideScanImage, int32_t sideScanMode, int32_t sideScanRows,
-                             int32_t firstEchoSample, float* waterfall) {
+                             int32_t firstEchoSample, const WaterfallRing& waterfall) {
     // One unsigned comparison keeps 10..200; everything else, negatives
     // included, shows 100 rows.
     const int32_t rows =
@@ -124,10 +125,36 @@ void updateSideScanWaterfall(const float* beamImage, int32_t beamCount, int32_t 
     else
         lineOverRecord(beamImage, sampleCount, beamCount, S, beamAngles);
 
-    // Scroll by one row, newest at row 0.
-    std::memmove(waterfall + kWaterfallRowLength, waterfall,
-                 sizeof(float) * static_cast<std::size_t>(rows - 1) * kWaterfallRowLength);
-    std::fill(waterfall, waterfall + kWaterfallRowLength, 0.0f);
+    // Scroll by one row, newest at row 0: the ring of the first `rows` rows
+    // turns by one, its last row becoming the new row 0.
+    float* const store = waterfall.rows;
+    int32_t head = *waterfall.head;
+    int32_t span = *waterfall.span;
+    if (span < 0 || span > kWaterfallRows || head < 0 || head >= std::max(span, 1)) {
+        head = 0;
+        span = 0;
+    }
+    if (span != rows) {
+        // Lay the ring out in order, so that row p is stored at p again.
+        if (head != 0) {
+            std::vector<float> ordered(static_cast<std::size_t>(span) * kWaterfallRowLength);
+            for (int32_t p = 0; p < span; ++p)
+                std::memcpy(ordered.data() + static_cast<std::size_t>(p) * kWaterfallRowLength,
+                            store + static_cast<std::size_t>((head + p) % span) * kWaterfallRowLength,
+                            sizeof(float) * kWaterfallRowLength);
+            std::memcpy(store, ordered.data(), sizeof(float) * ordered.size());
+        }
+        head = 0;
+        span = rows;
+    }
+    head = (head + span - 1) % span;
+    *waterfall.head = head;
+    *waterfall.span = span;
+    auto row = [&](int32_t p) {
+        return store + static_cast<std::size_t>((head + p) % span) * kWaterfallRowLength;
+    };
+    float* newest = row(0);
+    std::fill(newest, newest + kWaterfallRowLength, 0.0f);
     std::fill(shiftedLine, shiftedLine + kWaterfallRowLength, 0.0f);
 
     // Remove the water above the first echo: the port half moves right by d,
@@ -137,14 +164,13 @@ void updateSideScanWaterfall(const float* beamImage, int32_t beamCount, int32_t 
     std::memcpy(shiftedLine + S, sideLine + d + S, sizeof(float) * static_cast<std::size_t>(S));
 
     // The seam on the row's centre.
-    std::memcpy(waterfall + (kRowCentre - S), shiftedLine,
-                sizeof(float) * static_cast<std::size_t>(2 * S));
+    std::memcpy(newest + (kRowCentre - S), shiftedLine, sizeof(float) * static_cast<std::size_t>(2 * S));
 
     // Visible rows, 2E floats each around the seam: an odd S loses one entry
     // at each end.
+#pragma omp parallel for num_threads(teamSize()) schedule(static)
     for (int32_t r = 0; r < rows; ++r)
-        std::memcpy(sideScanImage + static_cast<std::size_t>(r) * 2 * E,
-                    waterfall + static_cast<std::size_t>(r) * kWaterfallRowLength + (kRowCentre - E),
+        std::memcpy(sideScanImage + static_cast<std::size_t>(r) * 2 * E, row(r) + (kRowCentre - E),
                     sizeof(float) * static_cast<std::size_t>(2 * E));
 }
 

@@ -67,12 +67,20 @@ struct BottomDetectArgs {
     DetectWork work;
 };
 
+// Forms the split-aperture samples of the given windows (beam samples) in
+// args->splitBeamIq; context is the caller's.
+using SplitIqSource = void (*)(const SampleWindows& windows, void* context);
+
 // Fills the six candidate slots of every beam (slots b*6+p of candidateSlots).
 // gateTable: beamCount start samples, then beamCount end samples.
 // Beams are independent and run in parallel, one line set of args->work per
 // thread; the result does not depend on the number of threads.
+// The gates of all beams are found first; with formSplitIq, it is then called
+// once with the samples of splitBeamIq that the measurements in the gates
+// read, before they are read (without it, splitBeamIq must be complete).
 void detectBeamCandidates(const BottomDetectArgs* args, EchoCandidate* const* candidateSlots,
-                          const int32_t* gateTable);
+                          const int32_t* gateTable, SplitIqSource formSplitIq = nullptr,
+                          void* context = nullptr);
 
 // Drop levels of the gate edges: 6, 8, 10, 12, 14 dB below a peak.
 constexpr int kDropCount = 5;
@@ -128,6 +136,13 @@ float quadraticRoot(float a, float b, float c, float limit);
 // Running trapezoid integral of x (n floats, unit spacing), starting at 0,
 // with 0.001 added to every element. out may not alias x.
 void cumulativeTrapezoid(float* out, const float* x, int n);
+
+// LAPACKE_sgels(LAPACK_ROW_MAJOR, 'N', m, 3, 1, A, 3, rhs, 1) without the
+// wrapper's copies, allocations and workspace query: the same LAPACK routine
+// on the same numbers, and the same refusal of input holding a NaN (nothing
+// changes then). A: m rows of 3, row-major, left as scratch (not the
+// factors). rhs: m floats; the solution lands in its first three.
+void leastSquaresColumns3(float* A, float* rhs, int m);
 
 // Quadratic fit to y (n >= 5 floats) at k = 1..n by iteratively reweighted
 // least squares (bisquare weights, leverage adjustment, at most 10 rounds).

@@ -98,14 +98,23 @@ DetectWork lineSet(const DetectWork& work, int set) {
                       work.scratchA + offset,     work.scratchB + offset, 1};
 }
 
-// Gates, peaks and candidates of beam b. order: kDetectLineLength int32 of
-// scratch.
-void detectBeam(const PingPlan& plan, int b, const DetectWork& lines, int32_t* order) {
+// The gates of the candidates of one beam, in work indices: one per echo
+// peak, highest peak first.
+struct BeamGates {
+    int32_t count;
+    int32_t low[kPeaksPerBeam];
+    int32_t high[kPeaksPerBeam];
+};
+
+// Gates and peaks of beam b. order: kDetectLineLength int32 of scratch.
+void findBeamGates(const PingPlan& plan, int b, const DetectWork& lines, int32_t* order,
+                   BeamGates* gates) {
     const BottomDetectArgs& args = *plan.args;
     const int32_t n = std::max(args.sampleCount, 0);
     const int32_t firstEcho = args.firstEchoSample;
     const int32_t firstSample = plan.firstSample;
     const int workLength = plan.workLength;
+    gates->count = 0;
 
     // The centre band (absolute beam numbers, whatever the beam count) is
     // smoothed lightly.
@@ -120,12 +129,8 @@ void detectBeam(const PingPlan& plan, int b, const DetectWork& lines, int32_t* o
     if (workLength < 1) return;
 
     // Work index i is beam sample firstSample - 1 + i; the last sample of the
-    // beam is never copied. The envelope is copied (the amplitude detector
-    // changes it in place); the split-aperture samples are read where they lie.
+    // beam is never copied.
     std::memcpy(lines.envelopeWork, envelope + (firstSample - 1), sizeof(float) * workLength);
-    const cfloat* iq = args.splitBeamIq + static_cast<std::size_t>(b) * static_cast<std::size_t>(n) +
-                       (firstSample - 1);
-
     float* smoothed = lines.scratchB;
     const int smoothLength =
         decimatedMovingAverage(smoothed, lines.envelopeWork, workLength, smoothWidth, smoothStep);
@@ -156,12 +161,45 @@ void detectBeam(const PingPlan& plan, int b, const DetectWork& lines, int32_t* o
         const int64_t beyond = static_cast<int64_t>(pk) * smoothStep - clipIndex;
         if (beyond != 0 && clipIndex >= low && clipIndex <= high && beyond > plan.twoPulses)
             low = clipIndex;
+        gates->low[p] = static_cast<int32_t>(low);
+        gates->high[p] = static_cast<int32_t>(high);
+    }
+    gates->count = peakCount;
+}
 
-        // Later peaks of this beam see the envelope as earlier gates left it.
+// The part of a gate that detectInGate reads, in work indices (empty when
+// last < first).
+void gateSpan(const PingPlan& plan, const BeamGates& gates, int p, int32_t* first,
+              int32_t* last) {
+    *first = std::max(gates.low[p], 0);
+    *last = std::min(gates.high[p], std::min(plan.workLength, kDetectLineLength - 1));
+}
+
+// The candidates of beam b from its gates. The amplitude detector levels the
+// envelope in place over each gate, and later peaks of the beam see the
+// envelope as earlier gates left it; only the gates are read, so only they
+// are copied, all of them before the first is measured.
+void measureBeamGates(const PingPlan& plan, int b, const DetectWork& lines,
+                      const BeamGates& gates) {
+    const BottomDetectArgs& args = *plan.args;
+    const int32_t n = std::max(args.sampleCount, 0);
+    const int32_t firstSample = plan.firstSample;
+    const float* envelope =
+        args.beamEnvelope + static_cast<std::size_t>(b) * static_cast<std::size_t>(n) + (firstSample - 1);
+    for (int p = 0; p < gates.count; ++p) {
+        int32_t first, last;
+        gateSpan(plan, gates, p, &first, &last);
+        if (last >= first)
+            std::memcpy(lines.envelopeWork + first, envelope + first,
+                        sizeof(float) * static_cast<std::size_t>(last - first + 1));
+    }
+    // The split-aperture samples are read where they lie.
+    const cfloat* iq = args.splitBeamIq + static_cast<std::size_t>(b) * static_cast<std::size_t>(n) +
+                       (firstSample - 1);
+    for (int p = 0; p < gates.count; ++p) {
         GateDetection det;
         detectInGate(&det, lines.envelopeWork, iq, args.pulseLength, args.sampleRate,
-                     static_cast<int32_t>(low), static_cast<int32_t>(high), firstSample,
-                     workLength, &lines);
+                     gates.low[p], gates.high[p], firstSample, plan.workLength, &lines);
         storeCandidate(plan.slots[b * kPeaksPerBeam + p], det, args.beamAngles[b],
                        args.qualityThreshold, firstSample);
     }
@@ -170,7 +208,7 @@ void detectBeam(const PingPlan& plan, int b, const DetectWork& lines, int32_t* o
 }  // namespace
 
 void detectBeamCandidates(const BottomDetectArgs* args, EchoCandidate* const* candidateSlots,
-                          const int32_t* gateTable) {
+                          const int32_t* gateTable, SplitIqSource formSplitIq, void* context) {
     const int32_t n = args->sampleCount;
     // The gate table holds 256 starts and 256 ends, the slots six per beam.
     const int beamCount = std::clamp(args->beamCount, 0, kMaxDetectBeams);
@@ -235,14 +273,35 @@ void detectBeamCandidates(const BottomDetectArgs* args, EchoCandidate* const* ca
     plan.twoPulses =
         truncToInt(std::ceil(2.0f * args->pulseLength * static_cast<float>(sampleRate)));
 
+    // The gates of every beam first, then (when the caller forms the
+    // split-aperture samples on demand) the samples they read, then the
+    // measurements in them.
     const int team = std::clamp(std::min(args->work.lineSets, teamSize()), 1, kTeamCapacity);
+    BeamGates gates[kMaxDetectBeams];
     // Beams alternate between the threads: the centre band costs more than
     // the edges of the fan.
 #pragma omp parallel for num_threads(team) schedule(static, 1)
     for (int b = 0; b < beamCount; ++b) {
         int32_t order[kDetectLineLength];
-        detectBeam(plan, b, lineSet(args->work, omp_get_thread_num()), order);
+        findBeamGates(plan, b, lineSet(args->work, omp_get_thread_num()), order, gates + b);
     }
+    if (formSplitIq != nullptr) {
+        SampleWindows windows;
+        windows.rows = beamCount;
+        for (int b = 0; b < beamCount; ++b) {
+            windows.count[b] = gates[b].count;
+            for (int p = 0; p < gates[b].count; ++p) {
+                int32_t first, last;
+                gateSpan(plan, gates[b], p, &first, &last);
+                windows.first[b][p] = firstSample - 1 + first;
+                windows.last[b][p] = firstSample - 1 + last;
+            }
+        }
+        formSplitIq(windows, context);
+    }
+#pragma omp parallel for num_threads(team) schedule(static, 1)
+    for (int b = 0; b < beamCount; ++b)
+        measureBeamGates(plan, b, lineSet(args->work, omp_get_thread_num()), gates[b]);
 }
 
 }  // namespace kvane

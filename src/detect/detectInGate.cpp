@@ -36,14 +36,6 @@ namespace {
 // Divisions of a vector by a constant multiply by its reciprocal.
 const float kInvPi = 1.0f / 3.1415927f;
 
-// Sum of squares of n floats, accumulated in double like the mean and the
-// standard deviation.
-float sumOfSquares(const float* x, int n) {
-    double s = 0.0;
-    for (int i = 0; i < n; ++i) s += static_cast<double>(x[i] * x[i]);
-    return static_cast<float>(s);
-}
-
 // The phase detector. ph: the smoothed phase, m samples, in units of pi.
 // gateI/gateQ: the unsmoothed gate, n samples. Leaves result untouched when
 // the fit yields no zero crossing.
@@ -95,7 +87,7 @@ void detectPhase(GateDetection* result, const float* ph, int m, const float* gat
         A[3 * (k - 1) + 2] = 1.0f;
         rhs[k - 1] = ph[start + k - 1];
     }
-    LAPACKE_sgels(LAPACK_ROW_MAJOR, 'N', nFit, 3, 1, A, 3, rhs, 1);
+    leastSquaresColumns3(A, rhs, nFit);
     float qa = rhs[0], qb = rhs[1], qc = rhs[2];
     float root = quadraticRoot(qa, qb, qc, static_cast<float>(span2));
     if (truncToInt(root) == 0) return;
@@ -138,10 +130,15 @@ void detectPhase(GateDetection* result, const float* ph, int m, const float* gat
     const int q = fullEnd - fullStart;
     if (q < 0) return;
     const int nPhase = q + 1;
+    // The sums below are those of mean, stdDev and sumOfSquares, each in its
+    // own order; sums over the same values share a pass.
     float* values = scratch;
-    for (int i = 0; i < nPhase; ++i)
+    double rawSum = 0.0;
+    for (int i = 0; i < nPhase; ++i) {
         values[i] = std::atan2(gateQ[fullStart + i], gateI[fullStart + i]) * kInvPi;
-    const float rawMean = mean(values, nPhase);
+        rawSum += values[i];
+    }
+    const float rawMean = static_cast<float>(rawSum / nPhase);
     double sstSum = 0.0;
     for (int i = 0; i < nPhase; ++i) {
         const float dv = values[i] - rawMean;
@@ -149,14 +146,24 @@ void detectPhase(GateDetection* result, const float* ph, int m, const float* gat
     }
     const float sst = static_cast<float>(sstSum);
     const float stepF = static_cast<float>(step);
+    double residualSum = 0.0;
+    double squareSum = 0.0;
     for (int i = 0; i < nPhase; ++i) {
         // The abscissa starts one full-rate sample into the fit range.
         const float x = 1.0f + static_cast<float>(i + 1) / stepF;
         const float fit = (qa * x + qb) * x + qc;
         values[i] = fit - values[i];
+        residualSum += values[i];
+        squareSum += static_cast<double>(values[i] * values[i]);
     }
-    const float sd = stdDev(values, nPhase);
-    const float sse = sumOfSquares(values, nPhase);
+    float sd = 0.0f;
+    if (nPhase >= 2) {
+        const double residualMean = residualSum / nPhase;
+        double spread = 0.0;
+        for (int i = 0; i < nPhase; ++i) spread += (values[i] - residualMean) * (values[i] - residualMean);
+        sd = static_cast<float>(std::sqrt(spread / (nPhase - 1)));
+    }
+    const float sse = static_cast<float>(squareSum);
     const float adjusted =
         1.0f - (static_cast<float>(q) / static_cast<float>(q - 2)) * sse / sst;
 
@@ -231,27 +238,45 @@ void detectInGate(GateDetection* result, float* envelopeWork, const cfloat* iqWo
     // square-root envelope.
     result->gateStart = g0;
     result->gateEnd = g1;
+    // The mean and the standard deviation of the envelope (the sums of mean
+    // and stdDev, in their order; the deviation's pass also takes the square
+    // roots), then the levelled envelope's total and its running integral
+    // (cumulativeTrapezoid) in one pass; the integral is made again over
+    // ones when the total is zero.
     float* e = envelopeWork + g0;
-    result->meanLevel = mean(e, n);
-    result->levelDeviation = stdDev(e, n);
+    double levelSum = 0.0;
+    for (int i = 0; i < n; ++i) levelSum += e[i];
+    result->meanLevel = static_cast<float>(levelSum / n);
+    const double levelMean = levelSum / n;
+    double spread = 0.0;
+    for (int i = 0; i < n; ++i) {
+        spread += (e[i] - levelMean) * (e[i] - levelMean);
+        e[i] = std::sqrt(e[i]);
+    }
+    result->levelDeviation = n < 2 ? 0.0f : static_cast<float>(std::sqrt(spread / (n - 1)));
     result->amplitudeQuality = std::log10(
         ((static_cast<float>(firstSample) + 0.5f * static_cast<float>(g0 + g1)) /
          static_cast<float>(sampleRate)) /
         (0.1485f * pulseLength * std::sqrt(static_cast<float>(span))));
-    for (int i = 0; i < n; ++i) e[i] = std::sqrt(e[i]);
     float lowest = e[0];
     for (int i = 1; i < n; ++i)
         if (e[i] < lowest) lowest = e[i];
-    double total = 0.0;
-    for (int i = 0; i < n; ++i) {
+    float* c = work->scratchA;
+    e[0] -= lowest;
+    double total = e[0];
+    c[0] = 0.0f;
+    for (int i = 1; i < n; ++i) {
         e[i] -= lowest;
         total += e[i];
+        c[i] = c[i - 1] + 0.5f * (e[i - 1] + e[i]);
     }
     const float sum = static_cast<float>(total);
-    if (sum >= -0.000001f && sum < 0.000001f)
+    if (sum >= -0.000001f && sum < 0.000001f) {
         for (int i = 0; i < n; ++i) e[i] = 1.0f;
-    float* c = work->scratchA;
-    cumulativeTrapezoid(c, e, n);
+        cumulativeTrapezoid(c, e, n);
+    } else {
+        for (int i = 0; i < n; ++i) c[i] += 0.001f;
+    }
     const float half = 0.5f * c[n - 1];
     int lo = 0;
     int hi = n - 1;

@@ -10,6 +10,38 @@
 #include "detect.h"
 
 namespace kvane {
+namespace {
+
+// Fits of up to this many rows take the direct route; longer ones (no ping
+// makes them) go through the wrapper.
+constexpr int kDirectRows = 1024;
+// LAPACK's blocked routines would want 3 + 3 * 32 floats for three columns
+// (their block size is 32); with three columns they run unblocked anyway.
+constexpr int kSolverWork = 128;
+
+bool holdsNaN(const float* x, int count) {
+    bool nan = false;
+    for (int i = 0; i < count; ++i) nan = nan || x[i] != x[i];
+    return nan;
+}
+
+}  // namespace
+
+void leastSquaresColumns3(float* A, float* rhs, int m) {
+    if (m < 3 || m > kDirectRows) {
+        LAPACKE_sgels(LAPACK_ROW_MAJOR, 'N', m, 3, 1, A, 3, rhs, 1);
+        return;
+    }
+    if (LAPACKE_get_nancheck() && (holdsNaN(A, 3 * m) || holdsNaN(rhs, m))) return;
+    float columns[3 * kDirectRows];
+    for (int i = 0; i < m; ++i)
+        for (int j = 0; j < 3; ++j) columns[j * m + i] = A[3 * i + j];
+    float work[kSolverWork];
+    const char trans = 'N';
+    const lapack_int rows = m, cols = 3, rhsCount = 1, lwork = kSolverWork;
+    lapack_int info = 0;
+    LAPACK_sgels(&trans, &rows, &cols, &rhsCount, columns, &rows, rhs, &rows, work, &lwork, &info);
+}
 
 void fitQuadraticRobust(float* coef, const float* y, int n, float* scratch) {
     coef[0] = coef[1] = coef[2] = 0.0f;
@@ -35,7 +67,7 @@ void fitQuadraticRobust(float* coef, const float* y, int n, float* scratch) {
     // that whole vector.
     std::memcpy(A, X, matrixBytes);
     std::memcpy(rhs, y, sizeof(float) * n);
-    LAPACKE_sgels(LAPACK_ROW_MAJOR, 'N', n, 3, 1, A, 3, rhs, 1);
+    leastSquaresColumns3(A, rhs, n);
     float b[3] = {rhs[0], rhs[1], rhs[2]};
     float tiny = 0.000001f * stdDev(rhs, n);
     if (tiny == 0.0f) tiny = 1.0f;
@@ -94,7 +126,7 @@ void fitQuadraticRobust(float* coef, const float* y, int n, float* scratch) {
             A[3 * i + 2] = X[3 * i + 2] * sorted[i];
             rhs[i] = y[i] * sorted[i];
         }
-        LAPACKE_sgels(LAPACK_ROW_MAJOR, 'N', n, 3, 1, A, 3, rhs, 1);
+        leastSquaresColumns3(A, rhs, n);
         b[0] = rhs[0];
         b[1] = rhs[1];
         b[2] = rhs[2];

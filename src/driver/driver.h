@@ -79,10 +79,19 @@ struct BeamformingIo {
     // still in the cache (conditionBeamColumns with params->clipRatio).
     float* beamEnvelope = nullptr;
     float* beamImage = nullptr;
+    // When set, formBeams leaves splitBeamIq alone: formSplitProducts forms
+    // the samples of it that are needed, once they are known.
+    bool splitLater = false;
+    // When given (with the image), the fan picture is drawn from each piece
+    // of the image as soon as it is made (displayImage cleared beforehand).
+    const WedgePlan* wedge = nullptr;
+    float imageGain = 1.0f;
+    uint8_t* displayImage = nullptr;
 };
 
 // Forms formedBeamIq and splitBeamIq (and the unsmoothed amplitude image,
-// when io asks for it): once for the ping when rollCount is 1, else per
+// when io asks for it; formedBeamIq then serves as the threads' scratch for
+// blocks of beams and is not kept): once for the ping when rollCount is 1, else per
 // 200-sample segment steered by the interpolated roll (rollCount outside
 // -100..100 is written back as 1). Writes segmentRoll on the segmented path.
 // Returns angleOffset, the roll the tracker sees. n: 0..8000. The matrix
@@ -90,6 +99,17 @@ struct BeamformingIo {
 // count is restored on return.
 float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngles,
                 const double* beamAnglesDouble, int32_t n, const BeamformingIo* io);
+
+// The split-aperture products of the samples in `needed` (beam samples), for
+// a ping whose beams formBeams formed with io->splitLater: on either path the
+// same blocks of samples, with the same arithmetic, as formBeams forms them
+// all, so these samples equal a whole run's. segmented: the path formBeams
+// took (rollCount other than 1 when it was called); params and result are
+// those the ping's formBeams had (the segments' roll is read from
+// result->segmentRoll).
+void formSplitProducts(const KVaneParams* params, bool segmented, const KVaneResult* result,
+                       const float* beamAngles, int32_t n, const BeamformingIo* io,
+                       const SampleWindows& needed);
 
 // Roll of each segment from the roll table, joined to the previous ping by the
 // retained last sample. segmentRollLocal: segmentCount entries.

@@ -79,6 +79,13 @@ void formSteeringMatrix(cfloat* steerMatrix, const double* beamAnglesDouble, int
 namespace {
 constexpr int32_t kProductColumns = 256;
 constexpr int32_t kProductRows = 64;
+
+// Thread `thread`'s block of beams (up to 256 beams of 256 samples) while the
+// image is made from it: formedBeamIq holds them, as the buffer is not kept
+// then.
+cfloat* beamBlockOf(cfloat* formedBeamIq, int thread) {
+    return formedBeamIq + static_cast<int64_t>(thread) * kMaxBeams * kProductColumns;
+}
 }  // namespace
 
 int32_t productBlockCount(int32_t m, int32_t n) {
@@ -173,13 +180,23 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
         if (n >= 1) {
             // The split-aperture products first, so that the image, made
             // last, is still in the cache for the pictures drawn from it.
-            correlateSubAperturesSectioned(io->rawChannels, n, kChannels, 0.0f, soundSpeed,
-                                           beamAngles, B, io->splitBeamIq, &io->split);
+            if (!io->splitLater)
+                correlateSubAperturesSectioned(io->rawChannels, n, kChannels, 0.0f, soundSpeed,
+                                               beamAngles, B, io->splitBeamIq, &io->split);
             // Steering rows, then the beam sums over the product's fixed grid
             // of blocks. Blocks of columns are turned into the image right
-            // away; with blocks of rows (short pings) the image follows.
+            // away, from a block of the thread's own that stays in its cache
+            // (formedBeamIq is then not kept: only the image reads it); with
+            // blocks of rows (short pings) the image follows.
             const int32_t blocks = productBlockCount(B, n);
             const bool byColumns = n >= 2 * kProductColumns;
+            const bool wedge = image && io->wedge != nullptr;
+            // The fan picture of the samples start..start + count - 1.
+            auto drawPiece = [&](int32_t start, int32_t count) {
+                if (wedge)
+                    drawWedgeSamples(*io->wedge, io->beamImage, io->imageGain, io->displayImage,
+                                     start, count);
+            };
             const int32_t tiles = (n + kProductColumns - 1) / kProductColumns;
             // The image of columns k * 256 to k * 256 + 255.
             auto conditionBlock = [&](int32_t k) {
@@ -188,23 +205,51 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
                 conditionBeamColumns(io->beamEnvelope, io->beamImage, io->formedBeamIq + col0, n,
                                      B, n, clipRatio, col0, cols);
             };
+            // Each thread times its share of the blocks (see noteTeamShares).
+            double shares[kTeamCapacity] = {-1.0, -1.0, -1.0};
+            int team = 1;
 #pragma omp parallel num_threads(teamSize())
             {
 #pragma omp for schedule(static)
                 for (int32_t b = 0; b < B; ++b)
                     steeringRow(io->steerMatrix + static_cast<int64_t>(b) * kChannels,
                                 beamAnglesDouble[b], 0.0, phaseScale);
-#pragma omp for schedule(static)
+                const int thread = omp_get_thread_num();
+                cfloat* own = beamBlockOf(io->formedBeamIq, thread);
+                TeamShareClock clock;
+                clock.start();
+#pragma omp for schedule(static) nowait
                 for (int32_t k = 0; k < blocks; ++k) {
-                    productBlock(k, B, n, kChannels, io->steerMatrix, kChannels,
-                                 io->filteredChannels, n, io->formedBeamIq, n);
-                    if (image && byColumns) conditionBlock(k);
+                    if (image && byColumns) {
+                        const int32_t col0 = k * kProductColumns;
+                        const int32_t cols = n - col0 < kProductColumns ? n - col0 : kProductColumns;
+                        const float one[2] = {1.0f, 0.0f};
+                        const float zero[2] = {0.0f, 0.0f};
+                        cblas_cgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, B, cols, kChannels,
+                                    one, io->steerMatrix, kChannels, io->filteredChannels + col0, n,
+                                    zero, own, cols);
+                        conditionBeamColumns(io->beamEnvelope, io->beamImage, own, cols, B, n,
+                                             clipRatio, col0, cols);
+                        drawPiece(col0, cols);
+                    } else {
+                        productBlock(k, B, n, kChannels, io->steerMatrix, kChannels,
+                                     io->filteredChannels, n, io->formedBeamIq, n);
+                    }
                 }
+                if (thread < kTeamCapacity) shares[thread] = clock.stop();
+                if (thread == 0) team = omp_get_num_threads();
                 if (image && !byColumns) {
+#pragma omp barrier
 #pragma omp for schedule(static)
-                    for (int32_t k = 0; k < tiles; ++k) conditionBlock(k);
+                    for (int32_t k = 0; k < tiles; ++k) {
+                        conditionBlock(k);
+                        drawPiece(k * kProductColumns, kProductColumns);
+                    }
                 }
             }
+            noteTeamShares(shares, team);
+            if (wedge) drawWedgeBorders(*io->wedge, io->beamImage, io->imageGain, io->displayImage,
+                                        kProductColumns);
         }
         setMatrixThreads(savedThreads);
         return 0.0f;
@@ -229,12 +274,18 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
     // the channels and writing its columns of the ping's rows in place.
     // Segments own disjoint columns, and each thread steers into a matrix of
     // its own (so steerMatrix is not used on this path).
+    // Each thread times its share of the segments (see noteTeamShares).
+    double shares[kTeamCapacity] = {-1.0, -1.0, -1.0};
+    int team = 1;
 #pragma omp parallel num_threads(teamSize())
     {
-        const SplitThreadStore store = splitThreadStore(&io->split, omp_get_thread_num());
+        const int thread = omp_get_thread_num();
+        const SplitThreadStore store = splitThreadStore(&io->split, thread);
         // The thread's own steering matrix, B x 64 (128 KB of stack).
         cfloat steer[kMaxBeams * kChannels];
-#pragma omp for schedule(static)
+        TeamShareClock clock;
+        clock.start();
+#pragma omp for schedule(static) nowait
         for (int32_t s = 0; s < segments; ++s) {
             const int32_t start = s * kSegmentLength;
             const int32_t len = n - start < kSegmentLength ? n - start : kSegmentLength;
@@ -244,21 +295,86 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
                             beamAnglesDouble[b], roll, phaseScale);
             const float one[2] = {1.0f, 0.0f};
             const float zero[2] = {0.0f, 0.0f};
-            cblas_cgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, B, len, kChannels, one,
-                        steer, kChannels, io->filteredChannels + start, n, zero,
-                        io->formedBeamIq + start, n);
-            if (image)
-                conditionBeamColumns(io->beamEnvelope, io->beamImage, io->formedBeamIq + start, n,
-                                     B, n, clipRatio, start, len);
-            correlateSubAperturesSectionedOnThread(io->rawChannels + start, len, n,
-                                                   segmentRollLocal[s], soundSpeed, beamAngles, B,
-                                                   io->splitBeamIq + start, n, &store);
+            if (image) {
+                // The segment's beams in a block of the thread's own, in its
+                // cache until their image is made.
+                cfloat* own = beamBlockOf(io->formedBeamIq, omp_get_thread_num());
+                cblas_cgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, B, len, kChannels, one,
+                            steer, kChannels, io->filteredChannels + start, n, zero, own, len);
+                conditionBeamColumns(io->beamEnvelope, io->beamImage, own, len, B, n, clipRatio,
+                                     start, len);
+                if (io->wedge != nullptr)
+                    drawWedgeSamples(*io->wedge, io->beamImage, io->imageGain, io->displayImage,
+                                     start, len);
+            } else {
+                cblas_cgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, B, len, kChannels, one,
+                            steer, kChannels, io->filteredChannels + start, n, zero,
+                            io->formedBeamIq + start, n);
+            }
+            if (!io->splitLater)
+                correlateSubAperturesSectionedOnThread(io->rawChannels + start, len, n,
+                                                       segmentRollLocal[s], soundSpeed, beamAngles,
+                                                       B, io->splitBeamIq + start, n, &store);
         }
+        if (thread < kTeamCapacity) shares[thread] = clock.stop();
+        if (thread == 0) team = omp_get_num_threads();
     }
+    noteTeamShares(shares, team);
     setMatrixThreads(savedThreads);
+    if (image && io->wedge != nullptr)
+        drawWedgeBorders(*io->wedge, io->beamImage, io->imageGain, io->displayImage,
+                         kSegmentLength);
     // The tracker sees the roll of the last segment (with no segment, the
     // host's first roll sample).
     return segments > 0 ? segmentRollLocal[segments - 1] : params->rollAngle[0];
+}
+
+void formSplitProducts(const KVaneParams* params, bool segmented, const KVaneResult* result,
+                       const float* beamAngles, int32_t n, const BeamformingIo* io,
+                       const SampleWindows& needed) {
+    const int32_t B = params->beamCount;
+    if (B < 1 || B > kMaxBeams || n < 1 || n > kMaxSamples) return;
+    const float soundSpeed = params->soundSpeed;
+    if (!segmented) {
+        correlateSubAperturesSectioned(io->rawChannels, n, kChannels, 0.0f, soundSpeed, beamAngles,
+                                       B, io->splitBeamIq, &io->split, &needed);
+        return;
+    }
+    // Segmented: each segment is a ping of its own to the correlator, steered
+    // by its roll; only the segments and their sections that form a needed
+    // sample run.
+    const int32_t segments = segmentCountOf(n);
+    uint8_t flags[kSplitSections * kMaxSegments];
+    splitBlocksNeeded(flags, needed, B, n, kSegmentLength);
+    int32_t list[kMaxSegments];
+    uint8_t sectionFlags[kMaxSegments][kSplitSections];
+    int32_t count = 0;
+    for (int32_t s = 0; s < segments; ++s) {
+        bool any = false;
+        for (int32_t k = 0; k < kSplitSections; ++k) {
+            sectionFlags[s][k] = flags[k * segments + s];
+            any = any || sectionFlags[s][k] != 0;
+        }
+        if (any) list[count++] = s;
+    }
+    if (count == 0) return;
+    const int savedThreads = matrixThreads();
+    setMatrixThreads(1);
+#pragma omp parallel num_threads(teamSize())
+    {
+        const SplitThreadStore store = splitThreadStore(&io->split, omp_get_thread_num());
+#pragma omp for schedule(static)
+        for (int32_t j = 0; j < count; ++j) {
+            const int32_t s = list[j];
+            const int32_t start = s * kSegmentLength;
+            const int32_t len = n - start < kSegmentLength ? n - start : kSegmentLength;
+            correlateSubAperturesSectionedOnThread(io->rawChannels + start, len, n,
+                                                   result->segmentRoll[s], soundSpeed, beamAngles,
+                                                   B, io->splitBeamIq + start, n, &store,
+                                                   sectionFlags[s]);
+        }
+    }
+    setMatrixThreads(savedThreads);
 }
 
 }  // namespace kvane

@@ -63,11 +63,28 @@ void decideTrackedLine(const KVaneParams* params, KVaneResult* result, int32_t B
     for (int32_t b = 0; b < B; ++b) result->bottomSample[b] = static_cast<float>(tracked[b]);
 }
 
+// What the detection needs to have the split-aperture samples of its gates
+// formed.
+struct SplitProductsOrder {
+    const KVaneParams* params;
+    bool segmented;
+    const KVaneResult* result;
+    const float* beamAngles;
+    int32_t n;
+    const BeamformingIo* io;
+};
+
+void formSplitProductsFor(const SampleWindows& windows, void* context) {
+    const SplitProductsOrder& o = *static_cast<const SplitProductsOrder*>(context);
+    formSplitProducts(o.params, o.segmented, o.result, o.beamAngles, o.n, o.io, windows);
+}
+
 }  // namespace
 
 // Runs one ping; false when it was skipped.
 bool processPing(KVaneParams* params, KVaneInput* input, KVaneResult* result) {
     if (!pingIsRunnable(params, input, result)) return false;
+    beginTeamPing();
     const int32_t n = input->sampleCount;
     const int32_t B = params->beamCount;
 
@@ -114,27 +131,37 @@ bool processPing(KVaneParams* params, KVaneInput* input, KVaneResult* result) {
         finishBeamFan(beamAngles, beamAnglesDouble, result->beamAngleCopies, params->sectorPort,
                       params->sectorStarboard, params->beamSpacing, B, &retained.geometrySignature);
 
-    // 7. Beams and split-aperture products.
-    BeamformingIo io{ws.filteredChannels, ws.rawChannels,           ws.formedBeamIq,
-                     ws.splitBeamIq,      ws.steerMatrix,           ws.split,
-                     &retained.lastRollAngle, &retained.lastRollTime, ws.beamEnvelope,
-                     result->beamImage};
-    const float angleOffset = formBeams(params, result, beamAngles, beamAnglesDouble, n, &io);
-
-    // 8. Amplitude image: formed with the beams; smoothed here when asked.
-    if (params->gainSwitch != 0.0f) smoothBeamImage(ws.beamEnvelope, result->beamImage, B, n);
-
-    // 9. Sector grid and water-column wedge: they need the image alone, and
-    // are drawn while it is still in the cache.
+    // 7. Sector grid of the water-column wedge. The wedge needs the image
+    // alone: for an equal-angle fan without smoothing it is drawn piece by
+    // piece as the image is formed, while each piece is in the cache.
     updateSectorGrid(&retained.grid, params->sectorPort, params->sectorStarboard,
                      params->imageWidth, params->imageHeight, n, B);
     std::memset(result->displayImage, 0,
                 static_cast<std::size_t>(params->imageWidth) *
                     static_cast<std::size_t>(params->imageHeight));
-    renderWaterColumnImage(result->beamImage, B, n, beamAngles, params->sectorPort,
-                           params->sectorStarboard, params->beamSpacing, params->imageGain,
-                           result->displayImage, params->imageWidth, params->imageHeight,
-                           &retained.grid, &ws.wedge);
+    const bool wedgeByPieces =
+        params->gainSwitch == 0.0f && params->beamSpacing == 1 &&
+        prepareWedgePlan(&ws.wedgePlan, &retained.grid, B, n, params->imageWidth,
+                         params->imageHeight);
+
+    // 8. Beams and their amplitude image. The split-aperture products follow
+    // once the detection's gates say which of their samples it reads (step 10).
+    BeamformingIo io{ws.filteredChannels, ws.rawChannels,           ws.formedBeamIq,
+                     ws.splitBeamIq,      ws.steerMatrix,           ws.split,
+                     &retained.lastRollAngle, &retained.lastRollTime, ws.beamEnvelope,
+                     result->beamImage,   true,
+                     wedgeByPieces ? &ws.wedgePlan : nullptr, params->imageGain,
+                     result->displayImage};
+    const bool segmented = params->rollCount != 1;
+    const float angleOffset = formBeams(params, result, beamAngles, beamAnglesDouble, n, &io);
+
+    // 9. The image smoothed when asked, and the wedge when not drawn yet.
+    if (params->gainSwitch != 0.0f) smoothBeamImage(ws.beamEnvelope, result->beamImage, B, n);
+    if (!wedgeByPieces)
+        renderWaterColumnImage(result->beamImage, B, n, beamAngles, params->sectorPort,
+                               params->sectorStarboard, params->beamSpacing, params->imageGain,
+                               result->displayImage, params->imageWidth, params->imageHeight,
+                               &retained.grid, &ws.wedge);
 
     // 10. Candidates.
     for (int32_t i = 0; i < 6 * B; ++i) {
@@ -145,7 +172,8 @@ bool processPing(KVaneParams* params, KVaneInput* input, KVaneResult* result) {
                           firstEchoSample,    params->pulseLength, kSampleRate, &limits,
                           params->qualityThreshold, retained.geometryChanged,
                           &retained.firstBeamPending, ws.detect};
-    detectBeamCandidates(&args, candidateSlots, retained.gateTable);
+    SplitProductsOrder order{params, segmented, result, beamAngles, n, &io};
+    detectBeamCandidates(&args, candidateSlots, retained.gateTable, formSplitProductsFor, &order);
 
     // 11. Harvest, clamped to 1..n so that an empty slot reads 1.
     int32_t detectionTable[1536] = {};
@@ -181,7 +209,9 @@ bool processPing(KVaneParams* params, KVaneInput* input, KVaneResult* result) {
     // 15. Side-scan waterfall.
     updateSideScanWaterfall(result->beamImage, B, n, result->beamAngleCopies,
                             result->bottomSample, result->sideScanImage, params->sideScanMode,
-                            params->sideScanRows, firstEchoSample, ws.waterfall);
+                            params->sideScanRows, firstEchoSample,
+                            WaterfallRing{ws.waterfall, &retained.waterfallHead,
+                                          &retained.waterfallSpan});
     return true;
 }
 

@@ -116,6 +116,8 @@ void updateSectorGrid(SectorGrid* grid, float sectorPort, float sectorStarboard,
     const bool divide = beamWidth != 0.0f;
     const float inverseWidth = divide ? 1.0f / beamWidth : 1.0f;
     const int32_t cells = grid->cells;
+    // Every cell on its own: the team shares them.
+#pragma omp parallel for num_threads(teamSize()) schedule(static)
     for (int32_t p = 0; p < cells; ++p) {
         const float x = grid->x[p];
         const float y = grid->y[p];

@@ -1,8 +1,12 @@
 // workspace.cpp - the Malloc and Free entry points and the global workspace.
 #include "workspace.h"
 
+#include <cblas.h>
+#include <omp.h>
+
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "../../include/kVane.h"
 
@@ -37,6 +41,30 @@ KVaneRetained retained = makeRetained();
 EchoCandidate* candidateSlots[1536] = {};
 
 namespace {
+
+constexpr std::size_t kHarnessPixels = 824 * 329;
+
+// Starts the thread team and lets each thread make the matrix library's
+// products of both shapes a ping makes (on zeros, into scratch a ping
+// overwrites), so that the first ping finds the threads and the library's
+// buffers ready.
+void warmUpTeam() {
+    const int saved = matrixThreads();
+    setMatrixThreads(1);
+    const float one[2] = {1.0f, 0.0f};
+    const float zero[2] = {0.0f, 0.0f};
+#pragma omp parallel num_threads(teamSize())
+    {
+        const int t = omp_get_thread_num();
+        cfloat* block = ws.formedBeamIq + static_cast<std::size_t>(t) * 256 * 256;
+        cblas_cgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, 256, 256, 64, one, ws.steerMatrix,
+                    64, ws.rawChannels, 8000, zero, block, 256);
+        const SplitThreadStore store = splitThreadStore(&ws.split, t);
+        cblas_cgemm(CblasRowMajor, CblasTrans, CblasNoTrans, 18, 256, 32, one, ws.rawChannels, 18,
+                    store.aligned, 256, zero, store.subBeams[0], 256);
+    }
+    setMatrixThreads(saved);
+}
 
 void buildWorkspace() {
     if (ws.built) return;  // a second Malloc without Free keeps the first workspace
@@ -83,6 +111,9 @@ void buildWorkspace() {
     ws.wedge.regrid = alloc<float>(kBeamSet);
     ws.wedge.angleGrid = alloc<float>(256);
     ws.wedge.sourceBeam = alloc<int32_t>(256);
+    ws.wedgePlan = WedgePlan{};
+    ws.wedgePlan.pixels = alloc<WedgePixel>(kGridCapacity);
+    ws.wedgePlan.firstPixel = alloc<int32_t>(8002);
     ws.waterfall = alloc<float>(static_cast<std::size_t>(kWaterfallRows) * kWaterfallRowLength);
 
     candidateRecords = static_cast<EchoCandidate*>(std::calloc(1536, sizeof(EchoCandidate)));
@@ -102,10 +133,41 @@ void buildWorkspace() {
                    ws.detect.gateQ, ws.detect.gatePhase, ws.detect.scratchA, ws.detect.scratchB,
                    retained.grid.x, retained.grid.y, retained.grid.range, retained.grid.beam,
                    ws.wedge.regrid, ws.wedge.angleGrid, ws.wedge.sourceBeam,
+                   ws.wedgePlan.pixels, ws.wedgePlan.firstPixel,
                    ws.waterfall, candidateRecords};
     bool ok = true;
     for (void* p : all) ok = ok && p != nullptr;
     ws.built = ok;
+    if (!ok) return;
+
+    // What every full-size ping writes is made resident now rather than on
+    // the first ping: the channels and their magnitudes, the image, the
+    // split-aperture products, the threads' blocks of beams and correlator
+    // scratch, the detector lines and the waterfall.
+    constexpr std::size_t kThreadBeamBlocks = kTeamCapacity * 256 * 256;
+    constexpr std::size_t kThreadAligned = kTeamCapacity * 64 * 256;
+    constexpr std::size_t kThreadSubBeams = kTeamCapacity * 24 * 256;
+    const std::pair<void*, std::size_t> resident[] = {
+        {ws.rawChannels, sizeof(cfloat) * kChannelSet},
+        {ws.filteredChannels, sizeof(cfloat) * kChannelSet},
+        {ws.channelEnvelope, sizeof(float) * kChannelSet},
+        {ws.magnitudeBySample, sizeof(float) * kChannelSet},
+        {ws.beamEnvelope, sizeof(float) * kBeamSet},
+        {ws.splitBeamIq, sizeof(cfloat) * kBeamSet},
+        {ws.formedBeamIq, sizeof(cfloat) * kThreadBeamBlocks},
+        {ws.split.alignedChannels, sizeof(cfloat) * kThreadAligned},
+        {ws.split.subBeamLow, sizeof(cfloat) * kThreadSubBeams},
+        {ws.split.subBeamMid, sizeof(cfloat) * kThreadSubBeams},
+        {ws.split.subBeamHigh, sizeof(cfloat) * kThreadSubBeams},
+        {ws.waterfall, sizeof(float) * kWaterfallRows * kWaterfallRowLength},
+        // The sector grid and the wedge's plan of the harness's 824 x 329 picture.
+        {retained.grid.range, sizeof(float) * kHarnessPixels},
+        {retained.grid.beam, sizeof(float) * kHarnessPixels},
+        {retained.grid.x, sizeof(float) * kHarnessPixels},
+        {retained.grid.y, sizeof(float) * kHarnessPixels},
+        {ws.wedgePlan.pixels, sizeof(WedgePixel) * kHarnessPixels}};
+    for (const auto& [p, bytes] : resident) makeResident(p, bytes);
+    warmUpTeam();
 }
 
 void releaseWorkspace() {
@@ -141,6 +203,9 @@ void releaseWorkspace() {
     release(ws.wedge.regrid);
     release(ws.wedge.angleGrid);
     release(ws.wedge.sourceBeam);
+    release(ws.wedgePlan.pixels);
+    release(ws.wedgePlan.firstPixel);
+    ws.wedgePlan.ready = false;
     release(ws.waterfall);
     std::free(candidateRecords);
     candidateRecords = nullptr;

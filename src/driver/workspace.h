@@ -30,6 +30,7 @@ struct KVaneWorkspace {
     SplitScratch split;          // sub-beams, sum (2,048,000 each), aligned, alignScratch
     DetectWork detect;           // per-beam and per-gate lines, one set per thread of the team
     WedgeWork wedge;             // wedge picture scratch
+    WedgePlan wedgePlan;         // the equal-angle wedge by image samples
     float* waterfall;            // 3,200,000, zeroed at allocation
 };
 
@@ -47,6 +48,8 @@ struct KVaneRetained {
     float trackHistory[768];
     int32_t gateTable[512];
     uint8_t firstBeamPending;
+    int32_t waterfallHead;       // the waterfall's ring (its rows are in the workspace)
+    int32_t waterfallSpan;
 };
 
 extern KVaneWorkspace ws;

@@ -318,6 +318,9 @@ void prepare(SectionPlan* p, FanTables* f, const cfloat* channelBlock, int32_t n
 
 inline int32_t blockCountOf(int32_t n) { return (n + kSplitBlockSamples - 1) / kSplitBlockSamples; }
 
+// The longest ping the correlator takes.
+constexpr int32_t kMaxPingSamples = 8000;
+
 }  // namespace
 
 SplitThreadStore splitThreadStore(const SplitScratch* scratch, int32_t thread) {
@@ -332,11 +335,44 @@ SplitThreadStore splitThreadStore(const SplitScratch* scratch, int32_t thread) {
     return store;
 }
 
+void splitBlocksNeeded(uint8_t* flags, const SampleWindows& needed, int32_t beamCount,
+                       int32_t sampleCount, int32_t blockLength) {
+    if (sampleCount < 1 || blockLength < 1 || beamCount < 1 || beamCount > 256) return;
+    const int32_t blocks = (sampleCount + blockLength - 1) / blockLength;
+    std::memset(flags, 0, static_cast<std::size_t>(kSplitSections) * static_cast<std::size_t>(blocks));
+    // Each section closes its beams but the border beam that the next one
+    // closes; the last section closes all of its beams (runSectionBlock).
+    SplitSection sections[kSplitSections];
+    splitSections(sections, beamCount);
+    int32_t closer[256];
+    for (int32_t b = 0; b < 256; ++b) closer[b] = -1;
+    for (int32_t s = 0; s < kSplitSections; ++s) {
+        const SplitSection& sec = sections[s];
+        const int32_t end = s == kSplitSections - 1 ? sec.last : sec.last - 1;
+        for (int32_t b = sec.first - 1; b < end; ++b)
+            if (b >= 0 && b < beamCount) closer[b] = s;
+    }
+    const int32_t rows = needed.rows < beamCount ? needed.rows : beamCount;
+    for (int32_t b = 0; b < rows; ++b) {
+        if (closer[b] < 0) continue;
+        uint8_t* row = flags + static_cast<std::size_t>(closer[b]) * static_cast<std::size_t>(blocks);
+        const int32_t count = needed.count[b] < kMaxRowWindows ? needed.count[b] : kMaxRowWindows;
+        for (int32_t w = 0; w < count; ++w) {
+            const int32_t first = needed.first[b][w] < 0 ? 0 : needed.first[b][w];
+            const int32_t last =
+                needed.last[b][w] > sampleCount - 1 ? sampleCount - 1 : needed.last[b][w];
+            for (int32_t k = first / blockLength; first <= last && k <= last / blockLength; ++k)
+                row[k] = 1;
+        }
+    }
+}
+
 void correlateSubAperturesSectionedOnThread(const cfloat* channelBlock, int32_t sampleCount,
                                             int64_t channelStride, float angleOffset,
                                             float soundSpeed, const float* beamAngles,
                                             int32_t beamCount, cfloat* splitCorrelation,
-                                            int64_t outStride, const SplitThreadStore* store) {
+                                            int64_t outStride, const SplitThreadStore* store,
+                                            const uint8_t* sectionNeeded) {
     if (sampleCount < 1 || beamCount < 1 || beamCount > 256 || sampleCount > 8000) return;
     SectionPlan p{};
     FanTables f;
@@ -347,6 +383,7 @@ void correlateSubAperturesSectionedOnThread(const cfloat* channelBlock, int32_t 
     SplitSectionSetup setup;
     const int32_t blocks = blockCountOf(sampleCount);
     for (int32_t s = 0; s < kSplitSections; ++s) {
+        if (sectionNeeded != nullptr && sectionNeeded[s] == 0) continue;
         setUpSection(p, s, &setup);
         for (int32_t k = 0; k < blocks; ++k) {
             const int32_t t0 = k * kSplitBlockSamples;
@@ -360,7 +397,8 @@ void correlateSubAperturesSectionedOnThread(const cfloat* channelBlock, int32_t 
 void correlateSubAperturesSectioned(const cfloat* channelBlock, int32_t sampleCount,
                                     int32_t channelCount, float angleOffset, float soundSpeed,
                                     const float* beamAngles, int32_t beamCount,
-                                    cfloat* splitCorrelation, const SplitScratch* scratch) {
+                                    cfloat* splitCorrelation, const SplitScratch* scratch,
+                                    const SampleWindows* needed) {
     (void)channelCount;  // the array has 64 elements, whatever the caller says
     const int32_t n = sampleCount;
     if (n < 1 || beamCount < 1 || beamCount > 256 || n > 8000) return;
@@ -376,8 +414,26 @@ void correlateSubAperturesSectioned(const cfloat* channelBlock, int32_t sampleCo
     // it, on storage of that thread's own, with the matrix library on one
     // thread: no result depends on the team's size. The library's setting
     // comes back at the end.
+    //
+    // With `needed`, the grid keeps only its items that form a needed
+    // sample, in the same order, and only the sections with an item are set up.
     const int32_t blocks = blockCountOf(n);
-    const int32_t items = kSplitSections * blocks;
+    uint8_t flags[kSplitSections * ((kMaxPingSamples + kSplitBlockSamples - 1) / kSplitBlockSamples)];
+    if (needed != nullptr) splitBlocksNeeded(flags, *needed, beamCount, n, kSplitBlockSamples);
+    int32_t items[sizeof flags];
+    int32_t itemCount = 0;
+    uint8_t sectionUsed[kSplitSections] = {};
+    for (int32_t i = 0; i < kSplitSections * blocks; ++i) {
+        const int32_t s = i % kSplitSections;
+        if (needed != nullptr && flags[s * blocks + i / kSplitSections] == 0) continue;
+        items[itemCount++] = i;
+        sectionUsed[s] = 1;
+    }
+    int32_t sectionList[kSplitSections];
+    int32_t sectionCount = 0;
+    for (int32_t s = 0; s < kSplitSections; ++s)
+        if (sectionUsed[s]) sectionList[sectionCount++] = s;
+    if (itemCount == 0) return;
     SplitSectionSetup* setups = scratch->sectionSetups;
     const int savedThreads = matrixThreads();
     setMatrixThreads(1);
@@ -385,9 +441,11 @@ void correlateSubAperturesSectioned(const cfloat* channelBlock, int32_t sampleCo
     {
         const SplitThreadStore store = splitThreadStore(scratch, omp_get_thread_num());
 #pragma omp for schedule(static)
-        for (int32_t s = 0; s < kSplitSections; ++s) setUpSection(p, s, setups + s);
+        for (int32_t j = 0; j < sectionCount; ++j)
+            setUpSection(p, sectionList[j], setups + sectionList[j]);
 #pragma omp for schedule(static)
-        for (int32_t i = 0; i < items; ++i) {
+        for (int32_t j = 0; j < itemCount; ++j) {
+            const int32_t i = items[j];
             const int32_t s = i % kSplitSections;
             const int32_t t0 = (i / kSplitSections) * kSplitBlockSamples;
             const int32_t w = n - t0 < kSplitBlockSamples ? n - t0 : kSplitBlockSamples;

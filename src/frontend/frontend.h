@@ -73,10 +73,14 @@ void correlateSubAperturesNarrowBand(const cfloat* channelBlock, int32_t sampleC
 // The same product with per-section time alignment of the channels (15
 // sections of the fan), the sections shared by the thread team.
 // channelCount is forced to 64.
+// With `needed`, only the blocks of samples (per section) that hold a sample
+// of its windows are formed, each exactly as in the whole run; the rest of
+// splitCorrelation is left as it was.
 void correlateSubAperturesSectioned(const cfloat* channelBlock, int32_t sampleCount,
                                     int32_t channelCount, float angleOffset, float soundSpeed,
                                     const float* beamAngles, int32_t beamCount,
-                                    cfloat* splitCorrelation, const SplitScratch* scratch);
+                                    cfloat* splitCorrelation, const SplitScratch* scratch,
+                                    const SampleWindows* needed = nullptr);
 
 // The sectioned correlator works in blocks of at most this many samples,
 // small enough that a block of the channels, its aligned copy and its
@@ -100,11 +104,21 @@ SplitThreadStore splitThreadStore(const SplitScratch* scratch, int32_t thread);
 // rows outStride apart. The window is a ping of its own: nothing outside it is
 // read or written. sampleCount up to kSplitBlockSamples is one block per
 // section.
+// sectionNeeded (kSplitSections flags), when given, leaves out the sections
+// whose flag is 0.
 void correlateSubAperturesSectionedOnThread(const cfloat* channelBlock, int32_t sampleCount,
                                             int64_t channelStride, float angleOffset,
                                             float soundSpeed, const float* beamAngles,
                                             int32_t beamCount, cfloat* splitCorrelation,
-                                            int64_t outStride, const SplitThreadStore* store);
+                                            int64_t outStride, const SplitThreadStore* store,
+                                            const uint8_t* sectionNeeded = nullptr);
+// The blocks of blockLength samples (from sample 0 of a ping of sampleCount
+// samples) that each section must form so that every sample in `needed` is
+// written: flags[s * blocks + k] for section s and block k, blocks =
+// ceil(sampleCount / blockLength). A beam's samples come from the section
+// that closes it (the later one for a border beam).
+void splitBlocksNeeded(uint8_t* flags, const SampleWindows& needed, int32_t beamCount,
+                       int32_t sampleCount, int32_t blockLength);
 
 // One section of the fan for the sectioned correlator: beams first - 1 to
 // last - 1 (borders count from 1), aligned for centreBeam (zero-based).

@@ -3,19 +3,97 @@
 
 #include <cblas.h>
 #include <omp.h>
+#include <sched.h>
 #include <sys/mman.h>
+#include <time.h>
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
 
 namespace kvane {
 
+namespace {
+
+// The cores the process may run on, read at each ping's start.
+int allowedCores = 0;
+// One thread while other work holds the cores; the countdown to the next
+// try of the whole team, and the wait after a failed try.
+bool crowded = false;
+int pingsUntilTry = 0;
+int tryInterval = 16;
+constexpr int kLongestTryInterval = 256;
+// A share that got less of a core than this was slowed by other work.
+constexpr double kWholeCore = 0.8;
+// Shares shorter than this are not judged (timer and scheduling noise).
+constexpr double kShortestShare = 0.5e-3;
+
+int processCores() {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    if (sched_getaffinity(0, sizeof set, &set) != 0) return 0;
+    return CPU_COUNT(&set);
+}
+
+double wallSeconds() {
+    timespec t{};
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
+}
+
+double threadCpuSeconds() {
+    timespec t{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
+}
+
+}  // namespace
+
 int teamSize() {
     int t = omp_get_max_threads();
+    if (allowedCores > 0 && allowedCores < t) t = allowedCores;
+    if (crowded && pingsUntilTry > 0) t = 1;
     return t < kTeamCapacity ? (t < 1 ? 1 : t) : kTeamCapacity;
+}
+
+void beginTeamPing() {
+    allowedCores = processCores();
+    if (crowded && pingsUntilTry > 0) --pingsUntilTry;
+}
+
+void TeamShareClock::start() {
+    wallStart = wallSeconds();
+    cpuStart = threadCpuSeconds();
+}
+
+double TeamShareClock::stop() const {
+    const double wall = wallSeconds() - wallStart;
+    if (wall < kShortestShare) return -1.0;
+    return (threadCpuSeconds() - cpuStart) / wall;
+}
+
+void noteTeamShares(const double* shares, int team) {
+    if (team < 2) return;  // one thread says nothing about the others' cores
+    bool judged = false;
+    bool slowed = false;
+    for (int i = 0; i < team; ++i) {
+        if (shares[i] < 0.0) continue;
+        judged = true;
+        slowed = slowed || shares[i] < kWholeCore;
+    }
+    if (!judged) return;
+    if (slowed) {
+        // Wait longer before each further try while the cores stay taken.
+        tryInterval = crowded ? std::min(2 * tryInterval, kLongestTryInterval) : 16;
+        crowded = true;
+        pingsUntilTry = tryInterval;
+    } else {
+        crowded = false;
+        tryInterval = 16;
+    }
 }
 
 bool cpuHasAvx2() {
@@ -34,13 +112,44 @@ int matrixThreads() { return openblas_get_num_threads(); }
 // page-aligned (so 64-byte aligned), reading as zeros, and resident only where
 // a ping actually touches them. A 64-byte header in front keeps the size for
 // the release.
+//
+// Buffers of 2 MB and more start on a 2 MB boundary and ask for large pages
+// where the system offers them on request: a ping walks the beam-major rows
+// and the channels at strides of tens of kilobytes, which with small pages
+// costs a translation miss on almost every row, and a first touch costs one
+// fault per 2 MB instead of one per 4 KB.
 void* alignedAlloc(std::size_t count, std::size_t elemSize) {
     if (count < 1 || elemSize < 1) return nullptr;
     const std::size_t bytes = count * elemSize + 64;
-    void* base = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (base == MAP_FAILED) return nullptr;
+    constexpr std::size_t kLargePage = std::size_t{2} << 20;
+    if (bytes < kLargePage) {
+        void* base = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (base == MAP_FAILED) return nullptr;
+        *static_cast<std::size_t*>(base) = bytes;
+        return static_cast<char*>(base) + 64;
+    }
+    void* raw = mmap(nullptr, bytes + kLargePage, PROT_READ | PROT_WRITE,
+                     MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (raw == MAP_FAILED) return nullptr;
+    const std::uintptr_t start = reinterpret_cast<std::uintptr_t>(raw);
+    const std::uintptr_t aligned = (start + kLargePage - 1) & ~(kLargePage - 1);
+    // The slack before and after the aligned range goes back to the system.
+    if (aligned > start) munmap(raw, aligned - start);
+    const std::uintptr_t end = start + bytes + kLargePage;
+    if (end > aligned + bytes) munmap(reinterpret_cast<void*>(aligned + bytes), end - (aligned + bytes));
+    void* base = reinterpret_cast<void*>(aligned);
+#ifdef MADV_HUGEPAGE
+    madvise(base, bytes, MADV_HUGEPAGE);
+#endif
     *static_cast<std::size_t*>(base) = bytes;
     return static_cast<char*>(base) + 64;
+}
+
+void makeResident(void* p, std::size_t bytes) {
+    if (p == nullptr) return;
+    volatile char* bytesOf = static_cast<volatile char*>(p);
+    for (std::size_t offset = 0; offset < bytes; offset += 4096) bytesOf[offset] = 0;
+    if (bytes > 0) bytesOf[bytes - 1] = 0;
 }
 
 void alignedFree(void* p) {

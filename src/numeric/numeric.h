@@ -18,10 +18,29 @@ struct cfloat {
 };
 
 // Size of the thread team of every parallel loop: the design value 3, but not
-// more than OpenMP would run (so OMP_NUM_THREADS=1 runs serially). Scratch
-// buffers that are split per thread hold three slices.
+// more than OpenMP would run (so OMP_NUM_THREADS=1 runs serially) nor than
+// the processors the process may run on. Scratch buffers that are split per
+// thread hold three slices. No result depends on the team's size.
 constexpr int kTeamCapacity = 3;
 int teamSize();
+
+// The team follows the cores the process actually gets. A ping starts with
+// beginTeamPing (which takes the processors the process may run on now);
+// the threads of its largest parallel loop time their share of it (wall and
+// own processor time, TeamShareClock) and the ping ends its loop with
+// noteTeamShares. When a thread got clearly less than a whole core for its
+// share, other work holds the cores: the following pings run on one thread,
+// and every so often (less often while it lasts) one ping tries the whole
+// team again.
+void beginTeamPing();
+struct TeamShareClock {
+    double wallStart = 0.0, cpuStart = 0.0;
+    void start();
+    // The share's processor time over its wall time; negative for shares
+    // too short to judge.
+    double stop() const;
+};
+void noteTeamShares(const double* shares, int team);
 
 // The hottest loops are built twice: for the baseline processor and for one
 // with AVX2, which runs the same single-precision operations on wider vectors
@@ -31,6 +50,17 @@ int teamSize();
 bool cpuHasAvx2();
 #define KVANE_AVX2 __attribute__((target("avx2")))
 #define KVANE_LOOP_BODY inline __attribute__((always_inline))
+
+// The samples a later stage will read of each row of a beam-major buffer: up
+// to kMaxRowWindows windows per row, each from first to last inclusive. A
+// stage that fills such a buffer may leave every other sample as it was.
+constexpr int kMaxRowWindows = 6;
+struct SampleWindows {
+    int32_t rows;
+    int32_t count[256];
+    int32_t first[256][kMaxRowWindows];
+    int32_t last[256][kMaxRowWindows];
+};
 
 // Sets the matrix library's thread count (OpenBLAS).
 void setMatrixThreads(int threads);
@@ -42,6 +72,9 @@ int matrixThreads();
 // nullptr for count < 1. Release with alignedFree.
 void* alignedAlloc(std::size_t count, std::size_t elemSize);
 void alignedFree(void* p);
+// Makes the first `bytes` of an allocation of alignedAlloc resident (they
+// keep reading as zeros), so that the first ping does not pay for it.
+void makeResident(void* p, std::size_t bytes);
 
 // Round half away from zero.
 float roundHalfAway(float x);
