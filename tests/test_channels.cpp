@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <vector>
 
 #include "driver/driver.h"
@@ -16,20 +17,16 @@ constexpr int kCh = 64;
 
 struct Channels {
     std::vector<cfloat> raw, filtered;
+    std::vector<float> bySample;  // magnitudes, sample-major
 };
 
-Channels condition(const std::vector<int32_t>& planeI, const std::vector<int32_t>& planeQ, int n) {
-    Channels c{std::vector<cfloat>(kCh * n), std::vector<cfloat>(kCh * n)};
-    kvane::conditionChannels(c.raw.data(), c.filtered.data(), planeI.data(), planeQ.data(), n);
+Channels condition(const std::vector<int32_t>& planeI, const std::vector<int32_t>& planeQ, int n,
+                   bool filtered = true) {
+    Channels c{std::vector<cfloat>(kCh * n), std::vector<cfloat>(filtered ? kCh * n : 0),
+               std::vector<float>(kCh * n)};
+    kvane::conditionChannels(c.raw.data(), filtered ? c.filtered.data() : nullptr,
+                             c.bySample.data(), planeI.data(), planeQ.data(), n);
     return c;
-}
-
-// The driver's route from channels to the first echo: magnitudes, sample-major.
-int32_t firstEchoOf(const std::vector<cfloat>& raw, int n) {
-    std::vector<float> env(kCh * n), bySample(kCh * n);
-    kvane::magnitude(env.data(), raw.data(), kCh * n);
-    kvane::transpose(bySample.data(), env.data(), kCh, n);
-    return kvane::detectFirstEcho(bySample.data(), n);
 }
 
 struct Lcg {  // uniform in [0, 1)
@@ -53,11 +50,13 @@ int32_t firstEchoOfPing(int n, int onset, float echo, uint32_t seed) {
             pi[c * n + t] = static_cast<int32_t>(a * std::cos(phase));
             pq[c * n + t] = static_cast<int32_t>(a * std::sin(phase));
         }
-    return firstEchoOf(condition(pi, pq, n).raw, n);
+    return kvane::detectFirstEcho(condition(pi, pq, n).bySample.data(), n);
 }
 
 TEST(ChannelConditioning, ScalesAndDropsFifteenSamplesKeepingTheTail) {
-    for (int n : {15, 16, 40}) {
+    // Lengths around the 128-sample tiles, with the shifted part ending in the
+    // last tile, at its start and in the tile before.
+    for (int n : {15, 16, 40, 128, 143, 270, 1000}) {
         std::vector<int32_t> pi(kCh * n), pq(kCh * n);
         for (int i = 0; i < kCh * n; ++i) pi[i] = pq[i] = (i % n) * 1000 + i / n;
         pq[3 * n + n - 1] = std::numeric_limits<int32_t>::min();
@@ -71,7 +70,12 @@ TEST(ChannelConditioning, ScalesAndDropsFifteenSamplesKeepingTheTail) {
                 ASSERT_EQ(v.im, static_cast<float>(pq[c * n + from]) * 5e-6f) << n << " " << c << " " << t;
                 ASSERT_EQ(ch.filtered[c * n + t].re, v.re);
                 ASSERT_EQ(ch.filtered[c * n + t].im, v.im);
+                ASSERT_EQ(ch.bySample[t * kCh + c], std::sqrt(v.re * v.re + v.im * v.im));
             }
+        // Without the filtered copy the rest comes out the same.
+        const Channels rawOnly = condition(pi, pq, n, false);
+        ASSERT_EQ(0, std::memcmp(rawOnly.raw.data(), ch.raw.data(), sizeof(cfloat) * kCh * n));
+        ASSERT_EQ(0, std::memcmp(rawOnly.bySample.data(), ch.bySample.data(), sizeof(float) * kCh * n));
     }
 }
 

@@ -3,6 +3,7 @@
 #include <omp.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 
 #include "driver.h"
@@ -20,11 +21,16 @@ inline int32_t loadSample(const int32_t* p) {
 
 namespace {
 
-// Samples from..to-1 of one row, each read at t + offset: scaled, and
-// through the channel filter. The channel filter has one tap: a window of
-// length 1 leaves it alone and the division by the tap sum makes it exactly
-// 1.0, so the filtered channels equal the raw ones before the optional gains.
-KVANE_LOOP_BODY void scaleSamples(cfloat* raw, cfloat* filt, const int32_t* rowI,
+// Samples per tile of the conditioning: the 64 channels of a tile, their
+// magnitudes and the magnitudes' transposed tile stay in the cache.
+constexpr int32_t kTileSamples = 128;
+
+// Samples from..to-1 of one row, each read at t + offset: scaled, and, when
+// filt is given, copied there for the gains. The channel filter has one tap:
+// a window of length 1 leaves it alone and the division by the tap sum makes
+// it exactly 1.0, so the filtered channels equal the raw ones before the
+// optional gains. mag[t - from] gets |raw[t]|.
+KVANE_LOOP_BODY void scaleSamples(cfloat* raw, cfloat* filt, float* mag, const int32_t* rowI,
                                   const int32_t* rowQ, int32_t from, int32_t to,
                                   int32_t offset) {
     const float tap = 1.0f;
@@ -32,37 +38,59 @@ KVANE_LOOP_BODY void scaleSamples(cfloat* raw, cfloat* filt, const int32_t* rowI
         const float i = static_cast<float>(loadSample(rowI + t + offset)) * kSampleScale;
         const float q = static_cast<float>(loadSample(rowQ + t + offset)) * kSampleScale;
         raw[t] = cfloat{i, q};
-        filt[t] = cfloat{i * tap, q * tap};
+        mag[t - from] = std::sqrt(i * i + q * q);
     }
-}
-KVANE_AVX2 void scaleSamplesAvx2(cfloat* raw, cfloat* filt, const int32_t* rowI,
-                                 const int32_t* rowQ, int32_t from, int32_t to, int32_t offset) {
-    scaleSamples(raw, filt, rowI, rowQ, from, to, offset);
+    if (filt != nullptr)
+        for (int32_t t = from; t < to; ++t) filt[t] = cfloat{raw[t].re * tap, raw[t].im * tap};
 }
 
-}  // namespace
-
-void conditionChannels(cfloat* rawChannels, cfloat* filteredChannels, const int32_t* planeI,
-                       const int32_t* planeQ, int32_t n) {
-    if (n < 1) return;
+// Tile of samples t0 .. t0 + len - 1 of all 64 channels.
+KVANE_LOOP_BODY void conditionTile(cfloat* rawChannels, cfloat* filteredChannels,
+                                   float* magnitudeBySample, const int32_t* planeI,
+                                   const int32_t* planeQ, int32_t n, int32_t t0, int32_t len) {
     // The first 15 samples are dropped; the last 15 positions keep their own
     // samples, so the row ends with 15 repeated samples. Rows of 15 or fewer
     // samples stay unshifted. Each position is written once, from the sample
     // it ends up holding.
     const int32_t shifted = n - 15 >= 1 ? n - 15 : 0;
-    const bool avx2 = cpuHasAvx2();
-#pragma omp parallel for num_threads(teamSize()) schedule(static)
+    const int32_t end = t0 + len;
+    const int32_t split = shifted < t0 ? t0 : (shifted > end ? end : shifted);
+    float mag[kChannels][kTileSamples];
     for (int32_t c = 0; c < kChannels; ++c) {
         const int64_t row = static_cast<int64_t>(c) * n;
         cfloat* raw = rawChannels + row;
-        cfloat* filt = filteredChannels + row;
-        if (avx2) {
-            scaleSamplesAvx2(raw, filt, planeI + row, planeQ + row, 0, shifted, 15);
-            scaleSamplesAvx2(raw, filt, planeI + row, planeQ + row, shifted, n, 0);
-        } else {
-            scaleSamples(raw, filt, planeI + row, planeQ + row, 0, shifted, 15);
-            scaleSamples(raw, filt, planeI + row, planeQ + row, shifted, n, 0);
-        }
+        cfloat* filt = filteredChannels != nullptr ? filteredChannels + row : nullptr;
+        scaleSamples(raw, filt, mag[c], planeI + row, planeQ + row, t0, split, 15);
+        scaleSamples(raw, filt, mag[c] + (split - t0), planeI + row, planeQ + row, split, end, 0);
+    }
+    for (int32_t t = 0; t < len; ++t) {
+        float* out = magnitudeBySample + static_cast<int64_t>(t0 + t) * kChannels;
+        for (int32_t c = 0; c < kChannels; ++c) out[c] = mag[c][t];
+    }
+}
+KVANE_AVX2 void conditionTileAvx2(cfloat* rawChannels, cfloat* filteredChannels,
+                                  float* magnitudeBySample, const int32_t* planeI,
+                                  const int32_t* planeQ, int32_t n, int32_t t0, int32_t len) {
+    conditionTile(rawChannels, filteredChannels, magnitudeBySample, planeI, planeQ, n, t0, len);
+}
+
+}  // namespace
+
+void conditionChannels(cfloat* rawChannels, cfloat* filteredChannels, float* magnitudeBySample,
+                       const int32_t* planeI, const int32_t* planeQ, int32_t n) {
+    if (n < 1) return;
+    const bool avx2 = cpuHasAvx2();
+    const int32_t tiles = (n + kTileSamples - 1) / kTileSamples;
+#pragma omp parallel for num_threads(teamSize()) schedule(static)
+    for (int32_t k = 0; k < tiles; ++k) {
+        const int32_t t0 = k * kTileSamples;
+        const int32_t len = n - t0 < kTileSamples ? n - t0 : kTileSamples;
+        if (avx2)
+            conditionTileAvx2(rawChannels, filteredChannels, magnitudeBySample, planeI, planeQ, n,
+                              t0, len);
+        else
+            conditionTile(rawChannels, filteredChannels, magnitudeBySample, planeI, planeQ, n, t0,
+                          len);
     }
 }
 

@@ -24,10 +24,13 @@ constexpr int32_t kMaxSegments = 40;
 constexpr float kSampleScale = 5e-06f;
 
 // Integer planes (64 rows of n) to scaled complex channels, with the
-// one-tap channel filter and the 15-sample shift: rawChannels from the
-// scaled samples, filteredChannels after the filter.
-void conditionChannels(cfloat* rawChannels, cfloat* filteredChannels, const int32_t* planeI,
-                       const int32_t* planeQ, int32_t n);
+// one-tap channel filter and the 15-sample shift: rawChannels (64 rows of n)
+// from the scaled samples, filteredChannels (64 rows of n) after the filter,
+// and magnitudeBySample, n rows of the 64 channels' |rawChannels|.
+// filteredChannels may be nullptr when no gain follows: the filter leaves
+// the samples as they are, so rawChannels then serves for both.
+void conditionChannels(cfloat* rawChannels, cfloat* filteredChannels, float* magnitudeBySample,
+                       const int32_t* planeI, const int32_t* planeQ, int32_t n);
 
 // Folds this ping's first echo into the seven-entry history (newest first,
 // with its deliberate overlapping shift) and returns the smoothed

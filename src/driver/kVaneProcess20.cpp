@@ -88,8 +88,13 @@ bool processPing(KVaneParams* params, KVaneInput* input, KVaneResult* result) {
     const int32_t n = input->sampleCount;
     const int32_t B = params->beamCount;
 
-    // 1. Scaled complex channels.
-    conditionChannels(ws.rawChannels, ws.filteredChannels, input->planeI, input->planeQ, n);
+    // 1. Scaled complex channels and their magnitudes by sample. The beams
+    // are formed from the filtered channels, which differ from the raw ones
+    // only where a gain applies: without one, the raw channels serve.
+    const bool gains = params->gainSwitch != 0.0f || params->fixedGainEnable != 0;
+    cfloat* const filtered = gains ? ws.filteredChannels : ws.rawChannels;
+    conditionChannels(ws.rawChannels, gains ? ws.filteredChannels : nullptr,
+                      ws.magnitudeBySample, input->planeI, input->planeQ, n);
 
     // 2. Default detector limits.
     DetectionLimits limits{100, 4000, 0, 1, params->soundSpeed, 0};
@@ -100,16 +105,14 @@ bool processPing(KVaneParams* params, KVaneInput* input, KVaneResult* result) {
     fillBeamAnglesFromTable(beamAngles, B);
 
     // 4. First echo, optional gain equaliser, the history, optional fixed gain.
-    magnitude(ws.channelEnvelope, ws.rawChannels, kChannels * n);
-    transpose(ws.magnitudeBySample, ws.channelEnvelope, kChannels, n);
     const int32_t first = detectFirstEcho(ws.magnitudeBySample, n);
     if (params->gainSwitch != 0.0f) {
         int32_t gainOnsetSample = 0;  // nothing reads it later
-        equaliseChannelGain(ws.filteredChannels, result->gainProfile, &gainOnsetSample, n);
+        equaliseChannelGain(filtered, result->gainProfile, &gainOnsetSample, n);
     }
     result->firstEchoHalf = static_cast<float>(first) * 0.5f;
     const int32_t firstEchoSample = updateFirstEchoHistory(retained.firstEchoHistory, first);
-    if (params->fixedGainEnable != 0) applyFixedGain(ws.filteredChannels, ws.gainReal, n);
+    if (params->fixedGainEnable != 0) applyFixedGain(filtered, ws.gainReal, n);
 
     // 5. Detector limits from limitMode.
     if (params->limitMode == 1) {
@@ -146,7 +149,7 @@ bool processPing(KVaneParams* params, KVaneInput* input, KVaneResult* result) {
 
     // 8. Beams and their amplitude image. The split-aperture products follow
     // once the detection's gates say which of their samples it reads (step 10).
-    BeamformingIo io{ws.filteredChannels, ws.rawChannels,           ws.formedBeamIq,
+    BeamformingIo io{filtered,            ws.rawChannels,           ws.formedBeamIq,
                      ws.splitBeamIq,      ws.steerMatrix,           ws.split,
                      &retained.lastRollAngle, &retained.lastRollTime, ws.beamEnvelope,
                      result->beamImage,   true,

@@ -74,7 +74,6 @@ void buildWorkspace() {
 
     ws.rawChannels = alloc<cfloat>(kChannelSet);
     ws.filteredChannels = alloc<cfloat>(kChannelSet);
-    ws.channelEnvelope = alloc<float>(kChannelSet);
     ws.magnitudeBySample = alloc<float>(kChannelSet);
     ws.gainReal = alloc<float>(kLine);
     // The per-sample fixed gain has no source in the kernel: ones make it neutral.
@@ -124,7 +123,7 @@ void buildWorkspace() {
     // Every buffer must exist before a ping may run; a failed allocation
     // leaves the workspace unbuilt and pings are skipped.
     void* all[] = {ws.rawChannels, ws.filteredChannels,
-                   ws.channelEnvelope, ws.magnitudeBySample, ws.gainReal, ws.formedBeamIq,
+                   ws.magnitudeBySample, ws.gainReal, ws.formedBeamIq,
                    ws.splitBeamIq, ws.beamEnvelope, ws.steerMatrix,
                    ws.split.subBeamLow, ws.split.subBeamMid, ws.split.subBeamHigh,
                    ws.split.correlationSum, ws.split.alignedChannels, ws.split.alignScratch,
@@ -150,7 +149,6 @@ void buildWorkspace() {
     const std::pair<void*, std::size_t> resident[] = {
         {ws.rawChannels, sizeof(cfloat) * kChannelSet},
         {ws.filteredChannels, sizeof(cfloat) * kChannelSet},
-        {ws.channelEnvelope, sizeof(float) * kChannelSet},
         {ws.magnitudeBySample, sizeof(float) * kChannelSet},
         {ws.beamEnvelope, sizeof(float) * kBeamSet},
         {ws.splitBeamIq, sizeof(cfloat) * kBeamSet},
@@ -173,7 +171,6 @@ void buildWorkspace() {
 void releaseWorkspace() {
     release(ws.rawChannels);
     release(ws.filteredChannels);
-    release(ws.channelEnvelope);
     release(ws.magnitudeBySample);
     release(ws.gainReal);
     release(ws.formedBeamIq);

@@ -19,9 +19,8 @@ struct KVaneWorkspace {
     bool built;                  // between a Malloc and a Free
     bool built7420;              // built by kVaneMalloc7420
     cfloat* rawChannels;         // 512,000: shifted 15 samples
-    cfloat* filteredChannels;    // 512,000: after the channel filter and gains
-    float* channelEnvelope;      // 512,000: |rawChannels|, channel-major
-    float* magnitudeBySample;    // 512,000: sample-major, width 64
+    cfloat* filteredChannels;    // 512,000: after the channel filter and gains (pings with a gain)
+    float* magnitudeBySample;    // 512,000: |rawChannels|, sample-major, width 64
     float* gainReal;             // 8,000: per-sample fixed gain, ones at allocation
     cfloat* formedBeamIq;        // 2,048,000: beams, beam-major
     cfloat* splitBeamIq;         // 2,048,000: split-aperture products, beam-major
