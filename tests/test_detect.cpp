@@ -235,10 +235,6 @@ struct SyntheticPing {
         kvane::detectBeamCandidates(&args, slots.data(), gateTable.data());
     }
     const kvane::EchoCandidate& slot(int beam, int p) const { return records[beam * 6 + p]; }
-    Ints zeros(std::size_t offset, Ints at) const {
-        for (int32_t& i : at) i = envelope[offset + i] == 0.0f;
-        return at;
-    }
 };
 
 TEST(DetectBeamCandidates, EchoIsFoundWhereItIs) {
@@ -278,21 +274,47 @@ TEST(DetectBeamCandidates, EchoIsFoundWhereItIs) {
     }
 }
 
-TEST(DetectBeamCandidates, GatesZeroTheEnvelopeOutside) {
-    // Depth window 30..60 m at 1500 m/s: samples 800..1600 straight down,
-    // twice that at 60 degrees.
+TEST(DetectBeamCandidates, GatesHideTheEnvelopeOutside) {
+    // What the detection sees of a beam: zero outside its gate, the gate's
+    // end excluded, whatever part of the beam is read.
+    std::vector<float> row(100);
+    for (int i = 0; i < 100; ++i) row[i] = static_cast<float>(i + 1);
+    auto seen = [&](int from, int count, int keepFrom, int keepTo) {
+        std::vector<float> out(count, -1.0f);
+        kvane::gatedEnvelope(out.data(), row.data(), from, count, keepFrom, keepTo);
+        return out;
+    };
+    EXPECT_EQ(seen(10, 6, 12, 14), (std::vector<float>{0, 0, 13, 14, 0, 0}));
+    EXPECT_EQ(seen(10, 3, 0, 100), (std::vector<float>{11, 12, 13}));
+    EXPECT_EQ(seen(10, 3, 20, 30), (std::vector<float>{0, 0, 0}));
+    EXPECT_EQ(seen(10, 3, 5, 11), (std::vector<float>{11, 0, 0}));
+    EXPECT_EQ(seen(10, 3, 12, 11), (std::vector<float>{0, 0, 0}));  // an empty gate
+
+    // Depth window 30..60 m at 1500 m/s: samples 800..1599 straight down,
+    // twice that at 60 degrees. A strong echo outside the window is not
+    // seen, a weak one inside is; the envelope itself stays as it was.
     SyntheticPing ping(4000, {0.0f, 60.0f});
-    std::fill(ping.envelope.begin(), ping.envelope.end(), 1.0f);
+    ping.addEcho(0, 600.0f, 12.0f, 5000.0f, false);
+    ping.addEcho(0, 1200.0f, 12.0f, 100.0f, false);
+    ping.addEcho(1, 1500.0f, 12.0f, 5000.0f, true);
+    ping.addEcho(1, 2400.0f, 12.0f, 100.0f, true);
+    const std::vector<float> before = ping.envelope;
     ping.limits = kvane::DetectionLimits{0, 3999, 30, 60, 1500.0f, 2};
     ping.run(400);
-    EXPECT_EQ(ping.zeros(0, {799, 800, 1599, 1600}), Ints({1, 0, 0, 1}));
-    EXPECT_EQ(ping.zeros(4000, {1598, 1601, 3198, 3201}), Ints({1, 0, 0, 1}));
+    EXPECT_EQ(ping.envelope, before);
+    EXPECT_NEAR(ping.slot(0, 0).detectionSample, 1201, 2);
+    EXPECT_NEAR(ping.slot(1, 0).rawDetectionSample, 2402, 2);
+    for (int b = 0; b < 2; ++b)
+        for (int p = 0; p < 6; ++p) {
+            const int32_t at = ping.slot(b, p).rawDetectionSample;
+            EXPECT_TRUE(at == 0 || (at > 800 * (b + 1) && at <= 1600 * (b + 1))) << b << " " << p;
+        }
 
-    // Table gates 10..10 zero whole beams; the pending flag opens beam 0 of
+    // Table gates 10..10 hide whole beams; the pending flag opens beam 0 of
     // the first ping only (a ping without beams keeps it), a changed fan every
     // beam of its ping.
     SyntheticPing first(2000, {0.0f, 0.0f});
-    std::fill(first.envelope.begin(), first.envelope.end(), 1.0f);
+    for (int b = 0; b < 2; ++b) first.addEcho(b, 1000.0f, 12.0f, 1000.0f, false);
     first.gateTable.assign(512, 10);
     first.firstBeamPending = 1;
     first.beams = 0;
@@ -301,10 +323,10 @@ TEST(DetectBeamCandidates, GatesZeroTheEnvelopeOutside) {
     first.beams = 2;
     first.run(400);
     EXPECT_EQ(first.firstBeamPending, 0);
-    EXPECT_EQ(first.zeros(0, {99, 100, 1998, 1999, 2500}), Ints({1, 0, 0, 1, 1}));
-    std::fill(first.envelope.begin(), first.envelope.end(), 1.0f);
+    EXPECT_NEAR(first.slot(0, 0).detectionSample, 1001, 2);
+    EXPECT_EQ(first.slot(1, 0).detectionSample, 0);
     first.run(400, 0.5f, 1);
-    EXPECT_EQ(first.envelope[2500], 1.0f);
+    EXPECT_NEAR(first.slot(1, 0).detectionSample, 1001, 2);
 }
 
 TEST(DetectBeamCandidates, NaNPhaseLeavesAmplitudeWhileNaNEnvelopesAndTinyBeamsGiveNone) {

@@ -53,7 +53,7 @@ struct DetectWork {
 // What the driver hands to detectBeamCandidates for one ping.
 struct BottomDetectArgs {
     const float* beamAngles;    // degrees, one per beam
-    float* beamEnvelope;        // beam-major, sampleCount per beam; changed in place
+    const float* beamEnvelope;  // beam-major, sampleCount per beam; read only
     const cfloat* splitBeamIq;  // split-aperture products, same layout
     int32_t sampleCount;
     int32_t beamCount;          // at most 256
@@ -70,6 +70,12 @@ struct BottomDetectArgs {
 // Forms the split-aperture samples of the given windows (beam samples) in
 // args->splitBeamIq; context is the caller's.
 using SplitIqSource = void (*)(const SampleWindows& windows, void* context);
+
+// Samples from .. from + count - 1 of one beam's envelope (row) into out, as
+// the detection sees them: zero outside the beam's gate keepFrom .. keepTo -
+// 1 (clamped to the beam beforehand; empty when keepTo <= keepFrom).
+void gatedEnvelope(float* out, const float* row, int32_t from, int32_t count, int32_t keepFrom,
+                   int32_t keepTo);
 
 // Fills the six candidate slots of every beam (slots b*6+p of candidateSlots).
 // gateTable: beamCount start samples, then beamCount end samples.

@@ -121,16 +121,16 @@ void findBeamGates(const PingPlan& plan, int b, const DetectWork& lines, int32_t
     const int smoothWidth = (b >= 49 && b <= 207) ? 3 : plan.outerWidth;
     const int smoothStep = truncToInt(std::floor(0.5f * static_cast<float>(smoothWidth) + 0.5f));
 
-    // Outside the gate the envelope is zeroed, sample end included. Gates
+    // Outside the gate the envelope reads zero, sample end included. Gates
     // outside the beam are clamped to it.
-    float* envelope = args.beamEnvelope + static_cast<std::size_t>(b) * static_cast<std::size_t>(n);
-    std::fill(envelope, envelope + std::clamp(plan.beamStart[b], 0, n), 0.0f);
-    std::fill(envelope + std::clamp(plan.beamEnd[b], 0, n), envelope + n, 0.0f);
+    const float* envelope =
+        args.beamEnvelope + static_cast<std::size_t>(b) * static_cast<std::size_t>(n);
     if (workLength < 1) return;
 
     // Work index i is beam sample firstSample - 1 + i; the last sample of the
     // beam is never copied.
-    std::memcpy(lines.envelopeWork, envelope + (firstSample - 1), sizeof(float) * workLength);
+    gatedEnvelope(lines.envelopeWork, envelope, firstSample - 1, workLength,
+                  std::clamp(plan.beamStart[b], 0, n), std::clamp(plan.beamEnd[b], 0, n));
     float* smoothed = lines.scratchB;
     const int smoothLength =
         decimatedMovingAverage(smoothed, lines.envelopeWork, workLength, smoothWidth, smoothStep);
@@ -185,13 +185,15 @@ void measureBeamGates(const PingPlan& plan, int b, const DetectWork& lines,
     const int32_t n = std::max(args.sampleCount, 0);
     const int32_t firstSample = plan.firstSample;
     const float* envelope =
-        args.beamEnvelope + static_cast<std::size_t>(b) * static_cast<std::size_t>(n) + (firstSample - 1);
+        args.beamEnvelope + static_cast<std::size_t>(b) * static_cast<std::size_t>(n);
+    const int32_t keepFrom = std::clamp(plan.beamStart[b], 0, n);
+    const int32_t keepTo = std::clamp(plan.beamEnd[b], 0, n);
     for (int p = 0; p < gates.count; ++p) {
         int32_t first, last;
         gateSpan(plan, gates, p, &first, &last);
         if (last >= first)
-            std::memcpy(lines.envelopeWork + first, envelope + first,
-                        sizeof(float) * static_cast<std::size_t>(last - first + 1));
+            gatedEnvelope(lines.envelopeWork + first, envelope, firstSample - 1 + first,
+                          last - first + 1, keepFrom, keepTo);
     }
     // The split-aperture samples are read where they lie.
     const cfloat* iq = args.splitBeamIq + static_cast<std::size_t>(b) * static_cast<std::size_t>(n) +
@@ -206,6 +208,16 @@ void measureBeamGates(const PingPlan& plan, int b, const DetectWork& lines,
 }
 
 }  // namespace
+
+void gatedEnvelope(float* out, const float* row, int32_t from, int32_t count, int32_t keepFrom,
+                   int32_t keepTo) {
+    if (count < 1) return;
+    const int32_t a = std::clamp(keepFrom - from, 0, count);
+    const int32_t e = std::clamp(keepTo - from, a, count);
+    std::fill(out, out + a, 0.0f);
+    std::memcpy(out + a, row + from + a, sizeof(float) * static_cast<std::size_t>(e - a));
+    std::fill(out + e, out + count, 0.0f);
+}
 
 void detectBeamCandidates(const BottomDetectArgs* args, EchoCandidate* const* candidateSlots,
                           const int32_t* gateTable, SplitIqSource formSplitIq, void* context) {

@@ -85,9 +85,9 @@ void smoothBeamImage(float* beamEnvelope, float* beamImage, int32_t beamCount, i
 
 namespace {
 
-KVANE_LOOP_BODY void conditionColumns(float* beamEnvelope, float* beamImage, const cfloat* beams,
-                             int64_t beamStride, int32_t beamCount, int32_t n, float clipRatio,
-                             int32_t start, int32_t count) {
+KVANE_LOOP_BODY void conditionColumns(float* image, const cfloat* beams, int64_t beamStride,
+                                      int32_t beamCount, int32_t n, float clipRatio,
+                                      int32_t start, int32_t count) {
     // The clipping compares each sample of a beam with the maximum over the
     // beams of its half at the same sample. Rather than transposing the image
     // to sample-major rows and back, the maxima are taken across the rows of
@@ -104,51 +104,44 @@ KVANE_LOOP_BODY void conditionColumns(float* beamEnvelope, float* beamImage, con
         const int32_t len = count - offset < kTileSamples ? count - offset : kTileSamples;
         for (int32_t b = 0; b < B; ++b) {
             const float* src = reinterpret_cast<const float*>(beams + b * beamStride + offset);
-            float* env = beamEnvelope + static_cast<int64_t>(b) * n + start0;
+            float* env = image + static_cast<int64_t>(b) * n + start0;
             for (int32_t t = 0; t < len; ++t)
                 env[t] = std::sqrt(src[2 * t] * src[2 * t] + src[2 * t + 1] * src[2 * t + 1]);
         }
         for (int32_t h = 0; h < 2 && half > 0; ++h) {
             const int32_t first = h * half;
             float level[kTileSamples];
-            const float* row0 = beamEnvelope + static_cast<int64_t>(first) * n + start0;
+            const float* row0 = image + static_cast<int64_t>(first) * n + start0;
             for (int32_t t = 0; t < len; ++t) level[t] = row0[t];
             for (int32_t b = first + 1; b < first + half; ++b) {
-                const float* row = beamEnvelope + static_cast<int64_t>(b) * n + start0;
+                const float* row = image + static_cast<int64_t>(b) * n + start0;
                 for (int32_t t = 0; t < len; ++t) level[t] = row[t] > level[t] ? row[t] : level[t];
             }
             // The replacement is the absolute value 1.0, not a fraction of the
             // maximum; an all-zero half has level 0 and stays zero.
             for (int32_t t = 0; t < len; ++t) level[t] = r * level[t];
             for (int32_t b = first; b < first + half; ++b) {
-                float* row = beamEnvelope + static_cast<int64_t>(b) * n + start0;
+                float* row = image + static_cast<int64_t>(b) * n + start0;
                 for (int32_t t = 0; t < len; ++t) row[t] = row[t] < level[t] ? 1.0f : row[t];
             }
         }
-        for (int32_t b = 0; b < B; ++b)
-            std::memcpy(beamImage + static_cast<int64_t>(b) * n + start0,
-                        beamEnvelope + static_cast<int64_t>(b) * n + start0,
-                        sizeof(float) * static_cast<std::size_t>(len));
     }
 }
-KVANE_AVX2 void conditionColumnsAvx2(float* beamEnvelope, float* beamImage, const cfloat* beams,
-                                     int64_t beamStride, int32_t beamCount, int32_t n,
-                                     float clipRatio, int32_t start, int32_t count) {
-    conditionColumns(beamEnvelope, beamImage, beams, beamStride, beamCount, n, clipRatio, start,
-                     count);
+KVANE_AVX2 void conditionColumnsAvx2(float* image, const cfloat* beams, int64_t beamStride,
+                                     int32_t beamCount, int32_t n, float clipRatio,
+                                     int32_t start, int32_t count) {
+    conditionColumns(image, beams, beamStride, beamCount, n, clipRatio, start, count);
 }
 
 }  // namespace
 
-void conditionBeamColumns(float* beamEnvelope, float* beamImage, const cfloat* beams,
-                          int64_t beamStride, int32_t beamCount, int32_t n, float clipRatio,
-                          int32_t start, int32_t count) {
+void conditionBeamColumns(float* image, const cfloat* beams, int64_t beamStride,
+                          int32_t beamCount, int32_t n, float clipRatio, int32_t start,
+                          int32_t count) {
     if (cpuHasAvx2())
-        conditionColumnsAvx2(beamEnvelope, beamImage, beams, beamStride, beamCount, n, clipRatio,
-                             start, count);
+        conditionColumnsAvx2(image, beams, beamStride, beamCount, n, clipRatio, start, count);
     else
-        conditionColumns(beamEnvelope, beamImage, beams, beamStride, beamCount, n, clipRatio,
-                         start, count);
+        conditionColumns(image, beams, beamStride, beamCount, n, clipRatio, start, count);
 }
 
 void conditionBeamImage(float* beamEnvelope, float* beamImage,
@@ -161,10 +154,12 @@ void conditionBeamImage(float* beamEnvelope, float* beamImage,
     for (int32_t tile = 0; tile < tiles; ++tile) {
         const int32_t start = tile * kTileSamples;
         const int32_t len = n - start < kTileSamples ? n - start : kTileSamples;
-        conditionBeamColumns(beamEnvelope, beamImage, formedBeamIq + start, n, B, n, clipRatio,
-                             start, len);
+        conditionBeamColumns(beamEnvelope, formedBeamIq + start, n, B, n, clipRatio, start, len);
     }
-    if (smooth) smoothBeamImage(beamEnvelope, beamImage, B, n);
+    if (smooth)
+        smoothBeamImage(beamEnvelope, beamImage, B, n);
+    else
+        std::memcpy(beamImage, beamEnvelope, sizeof(float) * static_cast<std::size_t>(B) * n);
 }
 
 }  // namespace kvane

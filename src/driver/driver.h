@@ -77,10 +77,9 @@ struct BeamformingIo {
     SplitScratch split;
     float* lastRollAngle;           // retained
     float* lastRollTime;            // retained
-    // The amplitude image (B rows of n each), when given: each block of
-    // beams is turned into its columns as soon as it is formed, while it is
-    // still in the cache (conditionBeamColumns with params->clipRatio).
-    float* beamEnvelope = nullptr;
+    // The amplitude image (B rows of n), when given: each block of beams is
+    // turned into its columns as soon as it is formed, while it is still in
+    // the cache (conditionBeamColumns with params->clipRatio).
     float* beamImage = nullptr;
     // When set, formBeams leaves splitBeamIq alone: formSplitProducts forms
     // the samples of it that are needed, once they are known.
@@ -126,12 +125,12 @@ void interpolateRoll(float* segmentRollLocal, int32_t segmentCount, const float*
 void conditionBeamImage(float* beamEnvelope, float* beamImage,
                         const cfloat* formedBeamIq, int32_t beamCount, int32_t n,
                         float clipRatio, bool smooth);
-// The same for samples start to start + count - 1 alone (beamEnvelope and
-// beamImage: B rows of n), from beams: B rows of beamStride complex samples
-// whose first entry is sample start. No smoothing.
-void conditionBeamColumns(float* beamEnvelope, float* beamImage, const cfloat* beams,
-                          int64_t beamStride, int32_t beamCount, int32_t n, float clipRatio,
-                          int32_t start, int32_t count);
+// The same for samples start to start + count - 1 of one image (image: B
+// rows of n), from beams: B rows of beamStride complex samples whose first
+// entry is sample start. No smoothing.
+void conditionBeamColumns(float* image, const cfloat* beams, int64_t beamStride,
+                          int32_t beamCount, int32_t n, float clipRatio, int32_t start,
+                          int32_t count);
 
 // Half-fan clipping of rowCount sample rows of beamCount amplitudes each
 // (sample-major): in each row, the values of a half of the fan below

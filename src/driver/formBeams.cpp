@@ -174,7 +174,7 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
     // The narrow-band correlator (correlateSubAperturesNarrowBand) is not run on
     // either path: the sectioned correlator follows it on the same output block
     // and replaces every sample it would write, so no result depends on it.
-    const bool image = io->beamEnvelope != nullptr && io->beamImage != nullptr;
+    const bool image = io->beamImage != nullptr;
     const float clipRatio = params->clipRatio;
     if (params->rollCount == 1) {
         if (n >= 1) {
@@ -202,8 +202,8 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
             auto conditionBlock = [&](int32_t k) {
                 const int32_t col0 = k * kProductColumns;
                 const int32_t cols = n - col0 < kProductColumns ? n - col0 : kProductColumns;
-                conditionBeamColumns(io->beamEnvelope, io->beamImage, io->formedBeamIq + col0, n,
-                                     B, n, clipRatio, col0, cols);
+                conditionBeamColumns(io->beamImage, io->formedBeamIq + col0, n, B, n, clipRatio,
+                                     col0, cols);
             };
             // Each thread times its share of the blocks (see noteTeamShares).
             double shares[kTeamCapacity] = {-1.0, -1.0, -1.0};
@@ -228,8 +228,8 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
                         cblas_cgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, B, cols, kChannels,
                                     one, io->steerMatrix, kChannels, io->filteredChannels + col0, n,
                                     zero, own, cols);
-                        conditionBeamColumns(io->beamEnvelope, io->beamImage, own, cols, B, n,
-                                             clipRatio, col0, cols);
+                        conditionBeamColumns(io->beamImage, own, cols, B, n, clipRatio, col0,
+                                             cols);
                         drawPiece(col0, cols);
                     } else {
                         productBlock(k, B, n, kChannels, io->steerMatrix, kChannels,
@@ -301,8 +301,7 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
                 cfloat* own = beamBlockOf(io->formedBeamIq, omp_get_thread_num());
                 cblas_cgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, B, len, kChannels, one,
                             steer, kChannels, io->filteredChannels + start, n, zero, own, len);
-                conditionBeamColumns(io->beamEnvelope, io->beamImage, own, len, B, n, clipRatio,
-                                     start, len);
+                conditionBeamColumns(io->beamImage, own, len, B, n, clipRatio, start, len);
                 if (io->wedge != nullptr)
                     drawWedgeSamples(*io->wedge, io->beamImage, io->imageGain, io->displayImage,
                                      start, len);

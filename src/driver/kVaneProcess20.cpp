@@ -149,17 +149,20 @@ bool processPing(KVaneParams* params, KVaneInput* input, KVaneResult* result) {
 
     // 8. Beams and their amplitude image. The split-aperture products follow
     // once the detection's gates say which of their samples it reads (step 10).
+    // The image goes straight to the host's buffer; when it is to be smoothed,
+    // to the workspace's envelope, the smoothing's input.
+    const bool smooth = params->gainSwitch != 0.0f;
     BeamformingIo io{filtered,            ws.rawChannels,           ws.formedBeamIq,
                      ws.splitBeamIq,      ws.steerMatrix,           ws.split,
-                     &retained.lastRollAngle, &retained.lastRollTime, ws.beamEnvelope,
-                     result->beamImage,   true,
+                     &retained.lastRollAngle, &retained.lastRollTime,
+                     smooth ? ws.beamEnvelope : result->beamImage, true,
                      wedgeByPieces ? &ws.wedgePlan : nullptr, params->imageGain,
                      result->displayImage};
     const bool segmented = params->rollCount != 1;
     const float angleOffset = formBeams(params, result, beamAngles, beamAnglesDouble, n, &io);
 
     // 9. The image smoothed when asked, and the wedge when not drawn yet.
-    if (params->gainSwitch != 0.0f) smoothBeamImage(ws.beamEnvelope, result->beamImage, B, n);
+    if (smooth) smoothBeamImage(ws.beamEnvelope, result->beamImage, B, n);
     if (!wedgeByPieces)
         renderWaterColumnImage(result->beamImage, B, n, beamAngles, params->sectorPort,
                                params->sectorStarboard, params->beamSpacing, params->imageGain,
@@ -171,7 +174,9 @@ bool processPing(KVaneParams* params, KVaneInput* input, KVaneResult* result) {
         candidateSlots[i]->detectionSample = 0;
         candidateSlots[i]->rawDetectionSample = 0;
     }
-    BottomDetectArgs args{beamAngles,         ws.beamEnvelope, ws.splitBeamIq, n, B,
+    // The detection reads the image where the host has it (smoothed or not,
+    // its first B rows of n).
+    BottomDetectArgs args{beamAngles,         result->beamImage, ws.splitBeamIq, n, B,
                           firstEchoSample,    params->pulseLength, kSampleRate, &limits,
                           params->qualityThreshold, retained.geometryChanged,
                           &retained.firstBeamPending, ws.detect};
