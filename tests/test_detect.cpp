@@ -1,10 +1,12 @@
 // test_detect.cpp - bottom detection: peaks, drop points, fits, gate
 // detection and the candidates of whole beams.
 #include <gtest/gtest.h>
+#include <lapacke.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <iterator>
 #include <numeric>
 #include <random>
@@ -151,6 +153,35 @@ TEST(FitQuadraticRobust, ExactDataAndAFarOutlier) {
         EXPECT_NEAR(c[2], -0.8f, 100 * tol);
         y[12] += 50.0f;
     }
+}
+
+// The detection's own route to the least-squares solution against the
+// library's solver: the same numbers, bit for bit, on the fits a gate makes
+// (rows k^2, k, 1, weighted), on systems the solver scales (tiny or huge
+// magnitudes), and on a zero matrix and a zero right-hand side.
+TEST(LeastSquaresColumns3, SameBitsAsTheSolver) {
+    std::mt19937 rng(5);
+    std::uniform_real_distribution<float> unit(-1.0f, 1.0f);
+    const float scales[] = {1.0f, 1e-35f, 1e-20f, 1e30f, 1e35f};
+    for (int m : {3, 4, 7, 31, 200, 728})
+        for (float scale : scales)
+            for (int kind = 0; kind < 4; ++kind) {
+                std::vector<float> A(3 * m), rhs(m);
+                for (int i = 0; i < m; ++i) {
+                    const float k = static_cast<float>(i + 1);
+                    const float w = kind == 1 ? std::fabs(unit(rng)) : 1.0f;
+                    A[3 * i] = kind == 2 ? 0.0f : k * k * w * scale;
+                    A[3 * i + 1] = kind == 2 ? 0.0f : k * w * scale;
+                    A[3 * i + 2] = kind == 2 ? 0.0f : w * scale;
+                    rhs[i] = kind == 3 ? 0.0f : unit(rng) * (scale > 1.0f ? scale : 1.0f);
+                }
+                std::vector<float> A2 = A, rhs2 = rhs;
+                kvane::leastSquaresColumns3(A.data(), rhs.data(), m);
+                LAPACKE_sgels(LAPACK_ROW_MAJOR, 'N', m, 3, 1, A2.data(), 3, rhs2.data(), 1);
+                for (int i = 0; i < 3; ++i)
+                    ASSERT_EQ(std::memcmp(&rhs[i], &rhs2[i], sizeof(float)), 0)
+                        << m << " " << scale << " " << kind << " " << rhs[i] << " " << rhs2[i];
+            }
 }
 
 // Split-aperture samples with phase (units of pi) slope * x + curve * x^2,

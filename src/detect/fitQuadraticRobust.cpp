@@ -6,8 +6,17 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <vector>
 
 #include "detect.h"
+
+// LAPACK's unblocked Householder routine for Q^T applied to a matrix (its
+// header leaves it out); the two hidden lengths are those of the strings.
+extern "C" void sorm2r_(const char* side, const char* trans, const lapack_int* m,
+                        const lapack_int* n, const lapack_int* k, const float* A,
+                        const lapack_int* lda, const float* tau, float* C, const lapack_int* ldc,
+                        float* work, lapack_int* info, std::size_t sideLength,
+                        std::size_t transLength);
 
 namespace kvane {
 namespace {
@@ -19,14 +28,40 @@ constexpr int kDirectRows = 1024;
 // (their block size is 32); with three columns they run unblocked anyway.
 constexpr int kSolverWork = 128;
 
+// The solver leaves a matrix and a right-hand side unscaled when the largest
+// magnitude of each lies in this range (a zero right-hand side too): the
+// safe minimum over the precision, 2^-126 / 2^-23, and its reciprocal.
+constexpr float kSmallestUnscaled = 0x1p-103f;
+constexpr float kLargestUnscaled = 0x1p103f;
+
 bool holdsNaN(const float* x, int count) {
     bool nan = false;
     for (int i = 0; i < count; ++i) nan = nan || x[i] != x[i];
     return nan;
 }
 
+// Largest magnitude of count floats; NaN when one of them is NaN.
+float largestMagnitude(const float* x, int count) {
+    float m = 0.0f;
+    bool nan = false;
+    for (int i = 0; i < count; ++i) {
+        const float a = std::fabs(x[i]);
+        nan = nan || a != a;
+        m = a > m ? a : m;
+    }
+    return nan ? NAN : m;
+}
+
 }  // namespace
 
+// The least-squares solver for more rows than columns, without a transpose,
+// factors A = QR (Householder, unblocked for three columns), applies Q^T to
+// the right-hand side and solves with R, after scaling A or the right-hand
+// side when its largest magnitude lies outside the range above (and zeroing
+// the solution for a zero A). When neither needs it, the same three routines
+// are called here directly on the same numbers: the same results without the
+// solver's norms, scaling tests and block-size queries. Anything else goes
+// through the solver itself.
 void leastSquaresColumns3(float* A, float* rhs, int m) {
     if (m < 3 || m > kDirectRows) {
         LAPACKE_sgels(LAPACK_ROW_MAJOR, 'N', m, 3, 1, A, 3, rhs, 1);
@@ -37,11 +72,52 @@ void leastSquaresColumns3(float* A, float* rhs, int m) {
     for (int i = 0; i < m; ++i)
         for (int j = 0; j < 3; ++j) columns[j * m + i] = A[3 * i + j];
     float work[kSolverWork];
-    const char trans = 'N';
     const lapack_int rows = m, cols = 3, rhsCount = 1, lwork = kSolverWork;
     lapack_int info = 0;
-    LAPACK_sgels(&trans, &rows, &cols, &rhsCount, columns, &rows, rhs, &rows, work, &lwork, &info);
+    const float aNorm = largestMagnitude(columns, 3 * m);
+    const float bNorm = largestMagnitude(rhs, m);
+    const bool unscaled = aNorm >= kSmallestUnscaled && aNorm <= kLargestUnscaled &&
+                          (bNorm == 0.0f || (bNorm >= kSmallestUnscaled && bNorm <= kLargestUnscaled));
+    if (!unscaled) {
+        const char trans = 'N';
+        LAPACK_sgels(&trans, &rows, &cols, &rhsCount, columns, &rows, rhs, &rows, work, &lwork,
+                     &info);
+        return;
+    }
+    float tau[3];
+    LAPACK_sgeqr2(&rows, &cols, columns, &rows, tau, work, &info);
+    sorm2r_("L", "T", &rows, &rhsCount, &cols, columns, &rows, tau, rhs, &rows, work, &info, 1, 1);
+    LAPACK_strtrs("U", "N", "N", &cols, &rhsCount, columns, &rows, rhs, &rows, &info);
 }
+
+namespace {
+
+// The R of the QR factorisation of an n x 3 matrix (row-major), as the
+// factorisation routine leaves it: for three columns it runs the unblocked
+// Householder routine, called here directly on a column-major copy.
+void upperFactor3(float* R, const float* X, int n) {
+    if (n > kDirectRows) {
+        std::vector<float> A(X, X + 3 * static_cast<std::size_t>(n));
+        float tau[3];
+        LAPACKE_sgeqrf(LAPACK_ROW_MAJOR, n, 3, A.data(), 3, tau);
+        const float r[9] = {A[0], A[1], A[2], 0.0f, A[4], A[5], 0.0f, 0.0f, A[8]};
+        std::memcpy(R, r, sizeof r);
+        return;
+    }
+    float columns[3 * kDirectRows];
+    for (int i = 0; i < n; ++i)
+        for (int j = 0; j < 3; ++j) columns[j * n + i] = X[3 * i + j];
+    float tau[3];
+    float work[3];
+    const lapack_int rows = n, cols = 3;
+    lapack_int info = 0;
+    LAPACK_sgeqr2(&rows, &cols, columns, &rows, tau, work, &info);
+    const float r[9] = {columns[0], columns[n], columns[2 * n], 0.0f, columns[n + 1],
+                        columns[2 * n + 1], 0.0f, 0.0f, columns[2 * n + 2]};
+    std::memcpy(R, r, sizeof r);
+}
+
+}  // namespace
 
 void fitQuadraticRobust(float* coef, const float* y, int n, float* scratch) {
     coef[0] = coef[1] = coef[2] = 0.0f;
@@ -73,10 +149,8 @@ void fitQuadraticRobust(float* coef, const float* y, int n, float* scratch) {
     if (tiny == 0.0f) tiny = 1.0f;
 
     // Leverage h = row sums of squares of X R^-1, with R from the QR of X.
-    float tau[3];
-    std::memcpy(A, X, matrixBytes);
-    LAPACKE_sgeqrf(LAPACK_ROW_MAJOR, n, 3, A, 3, tau);
-    float R[9] = {A[0], A[1], A[2], 0.0f, A[4], A[5], 0.0f, 0.0f, A[8]};
+    float R[9];
+    upperFactor3(R, X, n);
     std::memcpy(A, X, matrixBytes);
     cblas_strsm(CblasRowMajor, CblasRight, CblasUpper, CblasNoTrans, CblasNonUnit, n, 3, 1.0f, R,
                 3, A, 3);
