@@ -1,5 +1,6 @@
 // test_detect.cpp - bottom detection: peaks, drop points, fits, gate
 // detection and the candidates of whole beams.
+#include <gnu/libc-version.h>
 #include <gtest/gtest.h>
 #include <lapacke.h>
 
@@ -10,9 +11,11 @@
 #include <iterator>
 #include <numeric>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "detect/detect.h"
+#include "numeric/numeric.h"
 
 namespace {
 
@@ -182,6 +185,60 @@ TEST(LeastSquaresColumns3, SameBitsAsTheSolver) {
                     ASSERT_EQ(std::memcmp(&rhs[i], &rhs2[i], sizeof(float)), 0)
                         << m << " " << scale << " " << kind << " " << rhs[i] << " " << rhs2[i];
             }
+}
+
+// The phase's arctangent: the vector form against the one-at-a-time form,
+// bit for bit, over every exponent, the pairs it leaves to the library
+// (zeros, infinities, NaN, denormals, x = 1, huge quotients) and odd lengths,
+// in place too; against the C library's atan2f within an ulp, and the same
+// bits on the library whose formulas it follows.
+TEST(ArcTangent2, VectorFormAndLibraryAgree) {
+    std::mt19937 rng(11);
+    const float specials[] = {0.0f, -0.0f, 1.0f, -1.0f, INFINITY, -INFINITY, NAN, 1e-40f,
+                              -1e-40f, 2.0f, 0.5f, 1e30f, -1e30f, 1e-30f, 3e-20f};
+    std::vector<float> y, x;
+    for (float a : specials)
+        for (float b : specials) {
+            y.push_back(a);
+            x.push_back(b);
+        }
+    for (int i = 0; i < 1000000; ++i) {
+        uint32_t a = rng(), b = rng();
+        // Mostly quotients between 1/16 and 16, where the polynomial counts.
+        if (i % 8 != 0) b = (b & 0x807fffffu) | ((a & 0x7f800000u) + ((b % 9u) << 23) - (4u << 23));
+        float fa, fb;
+        std::memcpy(&fa, &a, 4);
+        std::memcpy(&fb, &b, 4);
+        y.push_back(fa);
+        x.push_back(fb);
+    }
+    const bool sameLibrary = std::string(gnu_get_libc_version()) == "2.36";
+    auto bits = [](float v) {
+        uint32_t u;
+        std::memcpy(&u, &v, 4);
+        return u;
+    };
+    for (int n : {static_cast<int>(y.size()), 13, 1}) {
+        std::vector<float> out(n), inY(y.begin(), y.begin() + n), inX(x.begin(), x.begin() + n);
+        kvane::arcTangent2(out.data(), y.data(), x.data(), n);
+        kvane::arcTangent2(inY.data(), inY.data(), x.data(), n);
+        kvane::arcTangent2(inX.data(), y.data(), inX.data(), n);
+        for (int i = 0; i < n; ++i) {
+            const float one = kvane::arcTangent2(y[i], x[i]);
+            const float lib = std::atan2(y[i], x[i]);
+            if (lib != lib) {
+                ASSERT_TRUE(out[i] != out[i] && one != one) << y[i] << " " << x[i];
+                continue;
+            }
+            ASSERT_EQ(bits(out[i]), bits(one)) << y[i] << " " << x[i];
+            ASSERT_EQ(bits(inY[i]), bits(one));
+            ASSERT_EQ(bits(inX[i]), bits(one));
+            if (sameLibrary)
+                ASSERT_EQ(bits(one), bits(lib)) << y[i] << " " << x[i];
+            else
+                ASSERT_LE(std::fabs(one - lib), std::fabs(std::nextafter(lib, 4.0f) - lib));
+        }
+    }
 }
 
 // Split-aperture samples with phase (units of pi) slope * x + curve * x^2,

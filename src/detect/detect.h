@@ -97,7 +97,6 @@ constexpr int kPeaksPerBeam = 6;
 // index i is beam sample firstSample - 1 + i).
 struct GateDetection {
     float amplitudeQuality;  // quality factor of the amplitude detection
-    float levelDeviation;    // sample standard deviation of the envelope in the gate
     float phaseQuality;      // quality factor of the phase detection; -100 if none
     float phaseResidual;     // std. dev. of the phase around its fit, units of pi; -1 if none
     float phaseFitDone;      // 1 once the phase result was computed, else 0

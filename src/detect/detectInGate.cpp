@@ -134,21 +134,19 @@ void detectPhase(GateDetection* result, const float* ph, int m, const float* gat
     // own order; sums over the same values share a pass.
     float* values = scratch;
     double rawSum = 0.0;
+    arcTangent2(values, gateQ + fullStart, gateI + fullStart, nPhase);
     for (int i = 0; i < nPhase; ++i) {
-        values[i] = std::atan2(gateQ[fullStart + i], gateI[fullStart + i]) * kInvPi;
+        values[i] = values[i] * kInvPi;
         rawSum += values[i];
     }
     const float rawMean = static_cast<float>(rawSum / nPhase);
     double sstSum = 0.0;
-    for (int i = 0; i < nPhase; ++i) {
-        const float dv = values[i] - rawMean;
-        sstSum += static_cast<double>(dv * dv);
-    }
-    const float sst = static_cast<float>(sstSum);
     const float stepF = static_cast<float>(step);
     double residualSum = 0.0;
     double squareSum = 0.0;
     for (int i = 0; i < nPhase; ++i) {
+        const float dv = values[i] - rawMean;
+        sstSum += static_cast<double>(dv * dv);
         // The abscissa starts one full-rate sample into the fit range.
         const float x = 1.0f + static_cast<float>(i + 1) / stepF;
         const float fit = (qa * x + qb) * x + qc;
@@ -156,6 +154,7 @@ void detectPhase(GateDetection* result, const float* ph, int m, const float* gat
         residualSum += values[i];
         squareSum += static_cast<double>(values[i] * values[i]);
     }
+    const float sst = static_cast<float>(sstSum);
     float sd = 0.0f;
     if (nPhase >= 2) {
         const double residualMean = residualSum / nPhase;
@@ -229,7 +228,8 @@ void detectInGate(GateDetection* result, float* envelopeWork, const cfloat* iqWo
     // The phase detection counts only for gates of more than 20 samples.
     if (n > 20) {
         float* ph = work->gatePhase;  // replaces smoothI in place
-        for (int i = 0; i < m; ++i) ph[i] = std::atan2(smoothQ[i], smoothI[i]) * kInvPi;
+        arcTangent2(ph, smoothQ, smoothI, m);
+        for (int i = 0; i < m; ++i) ph[i] = ph[i] * kInvPi;
         detectPhase(result, ph, m, gateI, gateQ, n, step, base, pulseLength, sampleRate,
                     firstSample, work->scratchA);
     }
@@ -238,37 +238,38 @@ void detectInGate(GateDetection* result, float* envelopeWork, const cfloat* iqWo
     // square-root envelope.
     result->gateStart = g0;
     result->gateEnd = g1;
-    // The mean and the standard deviation of the envelope (the sums of mean
-    // and stdDev, in their order; the deviation's pass also takes the square
-    // roots), then the levelled envelope's total and its running integral
-    // (cumulativeTrapezoid) in one pass; the integral is made again over
-    // ones when the total is zero.
+    // The mean of the envelope (the sum of mean, in its order) in the pass
+    // that takes the square roots and their lowest value, then the levelled
+    // envelope's total and its running integral (cumulativeTrapezoid) in one
+    // pass; the integral is made again over ones when the total is zero.
+    // (The envelope's deviation in the gate feeds nothing and is not taken.)
     float* e = envelopeWork + g0;
     double levelSum = 0.0;
-    for (int i = 0; i < n; ++i) levelSum += e[i];
-    result->meanLevel = static_cast<float>(levelSum / n);
-    const double levelMean = levelSum / n;
-    double spread = 0.0;
+    float lowest = 0.0f;
     for (int i = 0; i < n; ++i) {
-        spread += (e[i] - levelMean) * (e[i] - levelMean);
-        e[i] = std::sqrt(e[i]);
+        levelSum += e[i];
+        const float root = std::sqrt(e[i]);
+        e[i] = root;
+        lowest = i == 0 || root < lowest ? root : lowest;
     }
-    result->levelDeviation = n < 2 ? 0.0f : static_cast<float>(std::sqrt(spread / (n - 1)));
+    result->meanLevel = static_cast<float>(levelSum / n);
     result->amplitudeQuality = std::log10(
         ((static_cast<float>(firstSample) + 0.5f * static_cast<float>(g0 + g1)) /
          static_cast<float>(sampleRate)) /
         (0.1485f * pulseLength * std::sqrt(static_cast<float>(span))));
-    float lowest = e[0];
-    for (int i = 1; i < n; ++i)
-        if (e[i] < lowest) lowest = e[i];
     float* c = work->scratchA;
-    e[0] -= lowest;
-    double total = e[0];
+    float previous = e[0] - lowest;
+    float integral = 0.0f;
+    e[0] = previous;
+    double total = previous;
     c[0] = 0.0f;
     for (int i = 1; i < n; ++i) {
-        e[i] -= lowest;
-        total += e[i];
-        c[i] = c[i - 1] + 0.5f * (e[i - 1] + e[i]);
+        const float level = e[i] - lowest;
+        e[i] = level;
+        total += level;
+        integral = integral + 0.5f * (previous + level);
+        c[i] = integral;
+        previous = level;
     }
     const float sum = static_cast<float>(total);
     if (sum >= -0.000001f && sum < 0.000001f) {

@@ -2,6 +2,7 @@
 #include "numeric.h"
 
 #include <cblas.h>
+#include <immintrin.h>
 #include <omp.h>
 #include <sched.h>
 #include <sys/mman.h>
@@ -190,6 +191,206 @@ KVANE_AVX2 void windowSumsAvx2(float* o, const float* base, int count, int step,
 }
 
 }  // namespace
+
+namespace {
+
+// glibc 2.36's single-precision arctangent: atan(0.5), atan(1), atan(1.5),
+// atan(inf) in two parts each, and the odd polynomial's coefficients (the
+// even-indexed half added, the odd-indexed half subtracted as stored).
+constexpr float kAtanHi[4] = {0x1.dac670p-2f, 0x1.921fb4p-1f, 0x1.f730bcp-1f, 0x1.921fb4p+0f};
+constexpr float kAtanLo[4] = {0x1.586ed2p-28f, 0x1.4442d0p-25f, 0x1.281f68p-25f, 0x1.4442d0p-24f};
+// pi and the low part of pi as the quadrants use them (z - pi_lo is z plus
+// this constant).
+constexpr float kPi = 0x1.921fb6p+1f;
+constexpr float kMinusPiLo = 0x1.777a5cp-24f;
+
+inline uint32_t bitsOf(float v) {
+    uint32_t b;
+    std::memcpy(&b, &v, sizeof b);
+    return b;
+}
+inline float floatOf(uint32_t b) {
+    float v;
+    std::memcpy(&v, &b, sizeof v);
+    return v;
+}
+
+// atan2(y, x) by the library's steps for finite, normal, nonzero y and x,
+// x other than 1, |y / x| below 2^61 and, for negative x, above 2^-60 (the
+// caller sends every other pair to the library): z = atan(|y / x|) with the
+// library's five ranges of |y / x| and its polynomial, then the quadrant.
+// Every range is computed and the right one selected, so that the loop
+// vectorises; each selected value comes from the same operations in the
+// same order as in the library.
+KVANE_LOOP_BODY float arcTangent2Lane(float y, float x) {
+    const float t = std::fabs(y / x);
+    const uint32_t it = bitsOf(t);
+    // Reduced arguments of the ranges 7/16..11/16, ..19/16, ..39/16, beyond.
+    const float r0 = ((t + t) - 1.0f) / (t + 2.0f);
+    const float r1 = (t - 1.0f) / (t + 1.0f);
+    const float r2 = (t - 1.5f) / (t * 1.5f + 1.0f);
+    const float r3 = -1.0f / t;
+    const bool small = it < 0x3ee00000u;  // below 7/16: no reduction
+    const int id = it < 0x3f300000u ? 0 : (it < 0x3f980000u ? 1 : (it < 0x401c0000u ? 2 : 3));
+    const float r = small ? t : (id == 0 ? r0 : (id == 1 ? r1 : (id == 2 ? r2 : r3)));
+    const float z2 = r * r;
+    const float w = z2 * z2;
+    const float s1 = (((((0x1.0ad3aep-6f * w + 0x1.97b4b2p-5f) * w + 0x1.10d66ap-4f) * w +
+                        0x1.745cdcp-4f) * w + 0x1.24924ap-3f) * w + 0x1.555556p-2f) * z2;
+    const float s2 = ((((-0x1.2b4442p-5f * w - 0x1.dde2d6p-5f) * w - 0x1.3b0f2ap-4f) * w -
+                       0x1.c71c70p-4f) * w - 0x1.99999ap-3f) * w;
+    const float p = (s1 + s2) * r;
+    const float hi = id == 0 ? kAtanHi[0] : (id == 1 ? kAtanHi[1] : (id == 2 ? kAtanHi[2] : kAtanHi[3]));
+    const float lo = id == 0 ? kAtanLo[0] : (id == 1 ? kAtanLo[1] : (id == 2 ? kAtanLo[2] : kAtanLo[3]));
+    float z = small ? r - p : hi - ((p - lo) - r);
+    // Below 2^-29 the arctangent is the argument; from 2^25 on it is pi/2.
+    z = it < 0x31000000u ? t : z;
+    z = it >= 0x4c000000u ? kAtanLo[3] + kAtanHi[3] : z;
+    // The quadrant: y's sign, then x's.
+    const bool negativeY = (bitsOf(y) >> 31) != 0;
+    const bool negativeX = (bitsOf(x) >> 31) != 0;
+    const float plus = negativeY ? floatOf(bitsOf(z) ^ 0x80000000u) : z;
+    const float minus = negativeY ? (z + kMinusPiLo) - kPi : kPi - (z + kMinusPiLo);
+    return negativeX ? minus : plus;
+}
+
+// True for the pairs arcTangent2Lane leaves to the library.
+KVANE_LOOP_BODY bool arcTangent2Special(float y, float x) {
+    const uint32_t hx = bitsOf(x);
+    const int32_t ix = static_cast<int32_t>(hx & 0x7fffffffu);
+    const int32_t iy = static_cast<int32_t>(bitsOf(y) & 0x7fffffffu);
+    const int32_t k = (iy - ix) >> 23;
+    return ix < 0x00800000 || iy < 0x00800000 || ix >= 0x7f800000 || iy >= 0x7f800000 ||
+           hx == 0x3f800000u || k > 60 || ((hx >> 31) != 0 && k < -60);
+}
+
+constexpr int kArcTangentTile = 64;
+
+int arcTangent2Tile(float* out, const float* y, const float* x, int n) {
+    int special = 0;
+    for (int i = 0; i < n; ++i) {
+        out[i] = arcTangent2Lane(y[i], x[i]);
+        special += static_cast<int>(arcTangent2Special(y[i], x[i]));
+    }
+    return special;
+}
+
+#define KVANE_AVX2_INLINE __attribute__((target("avx2"), always_inline)) inline
+// Lanes whose bits, as signed integers, lie below limit.
+KVANE_AVX2_INLINE __m256 below(__m256i bits, int32_t limit) {
+    return _mm256_castsi256_ps(_mm256_cmpgt_epi32(_mm256_set1_epi32(limit), bits));
+}
+// One step of a polynomial in w: acc * w + c, and acc * w - c.
+KVANE_AVX2_INLINE __m256 hornerUp(__m256 acc, __m256 w, float c) {
+    return _mm256_add_ps(_mm256_mul_ps(acc, w), _mm256_set1_ps(c));
+}
+KVANE_AVX2_INLINE __m256 hornerDown(__m256 acc, __m256 w, float c) {
+    return _mm256_sub_ps(_mm256_mul_ps(acc, w), _mm256_set1_ps(c));
+}
+
+// arcTangent2Lane on eight lanes: every range computed, the lane's own
+// selected by masks; the same operations in the same order, no fused
+// multiply-adds.
+KVANE_AVX2 int arcTangent2TileAvx2(float* out, const float* y, const float* x, int n) {
+    const __m256 one = _mm256_set1_ps(1.0f);
+    const __m256 two = _mm256_set1_ps(2.0f);
+    const __m256 oneAndHalf = _mm256_set1_ps(1.5f);
+    const __m256 minusOne = _mm256_set1_ps(-1.0f);
+    const __m256i magnitudeBits = _mm256_set1_epi32(0x7fffffff);
+    const __m256i signBit = _mm256_set1_epi32(static_cast<int>(0x80000000u));
+    int special = 0;
+    int i = 0;
+    for (; i + 8 <= n; i += 8) {
+        const __m256 vy = _mm256_loadu_ps(y + i);
+        const __m256 vx = _mm256_loadu_ps(x + i);
+        const __m256 t = _mm256_and_ps(_mm256_div_ps(vy, vx), _mm256_castsi256_ps(magnitudeBits));
+        const __m256i it = _mm256_castps_si256(t);
+        const __m256 r0 = _mm256_div_ps(_mm256_sub_ps(_mm256_add_ps(t, t), one), _mm256_add_ps(t, two));
+        const __m256 r1 = _mm256_div_ps(_mm256_sub_ps(t, one), _mm256_add_ps(t, one));
+        const __m256 r2 = _mm256_div_ps(_mm256_sub_ps(t, oneAndHalf),
+                                        _mm256_add_ps(_mm256_mul_ps(t, oneAndHalf), one));
+        const __m256 r3 = _mm256_div_ps(minusOne, t);
+        const __m256 small = below(it, 0x3ee00000);
+        const __m256 in0 = below(it, 0x3f300000);
+        const __m256 in1 = below(it, 0x3f980000);
+        const __m256 in2 = below(it, 0x401c0000);
+        __m256 r = _mm256_blendv_ps(r3, r2, in2);
+        r = _mm256_blendv_ps(r, r1, in1);
+        r = _mm256_blendv_ps(r, r0, in0);
+        r = _mm256_blendv_ps(r, t, small);
+        __m256 hi = _mm256_blendv_ps(_mm256_set1_ps(kAtanHi[3]), _mm256_set1_ps(kAtanHi[2]), in2);
+        hi = _mm256_blendv_ps(hi, _mm256_set1_ps(kAtanHi[1]), in1);
+        hi = _mm256_blendv_ps(hi, _mm256_set1_ps(kAtanHi[0]), in0);
+        __m256 lo = _mm256_blendv_ps(_mm256_set1_ps(kAtanLo[3]), _mm256_set1_ps(kAtanLo[2]), in2);
+        lo = _mm256_blendv_ps(lo, _mm256_set1_ps(kAtanLo[1]), in1);
+        lo = _mm256_blendv_ps(lo, _mm256_set1_ps(kAtanLo[0]), in0);
+        const __m256 z2 = _mm256_mul_ps(r, r);
+        const __m256 w = _mm256_mul_ps(z2, z2);
+        __m256 s1 = hornerUp(_mm256_set1_ps(0x1.0ad3aep-6f), w, 0x1.97b4b2p-5f);
+        s1 = hornerUp(s1, w, 0x1.10d66ap-4f);
+        s1 = hornerUp(s1, w, 0x1.745cdcp-4f);
+        s1 = hornerUp(s1, w, 0x1.24924ap-3f);
+        s1 = hornerUp(s1, w, 0x1.555556p-2f);
+        s1 = _mm256_mul_ps(s1, z2);
+        __m256 s2 = hornerDown(_mm256_set1_ps(-0x1.2b4442p-5f), w, 0x1.dde2d6p-5f);
+        s2 = hornerDown(s2, w, 0x1.3b0f2ap-4f);
+        s2 = hornerDown(s2, w, 0x1.c71c70p-4f);
+        s2 = hornerDown(s2, w, 0x1.99999ap-3f);
+        s2 = _mm256_mul_ps(s2, w);
+        const __m256 p = _mm256_mul_ps(_mm256_add_ps(s1, s2), r);
+        const __m256 reduced = _mm256_sub_ps(hi, _mm256_sub_ps(_mm256_sub_ps(p, lo), r));
+        __m256 z = _mm256_blendv_ps(reduced, _mm256_sub_ps(r, p), small);
+        z = _mm256_blendv_ps(z, t, below(it, 0x31000000));
+        const __m256 big = _mm256_castsi256_ps(_mm256_cmpgt_epi32(it, _mm256_set1_epi32(0x4bffffff)));
+        z = _mm256_blendv_ps(z, _mm256_set1_ps(kAtanLo[3] + kAtanHi[3]), big);
+        // The quadrant: blendv picks by the sign bits of y and of x.
+        const __m256 plus = _mm256_xor_ps(z, _mm256_and_ps(vy, _mm256_castsi256_ps(signBit)));
+        const __m256 shifted = _mm256_add_ps(z, _mm256_set1_ps(kMinusPiLo));
+        const __m256 minus = _mm256_blendv_ps(_mm256_sub_ps(_mm256_set1_ps(kPi), shifted),
+                                              _mm256_sub_ps(shifted, _mm256_set1_ps(kPi)), vy);
+        _mm256_storeu_ps(out + i, _mm256_blendv_ps(plus, minus, vx));
+        // The pairs left to the library.
+        const __m256i hx = _mm256_castps_si256(vx);
+        const __m256i ix = _mm256_and_si256(hx, magnitudeBits);
+        const __m256i iy = _mm256_and_si256(_mm256_castps_si256(vy), magnitudeBits);
+        const __m256i k = _mm256_srai_epi32(_mm256_sub_epi32(iy, ix), 23);
+        __m256i odd = _mm256_cmpgt_epi32(_mm256_set1_epi32(0x00800000), ix);
+        odd = _mm256_or_si256(odd, _mm256_cmpgt_epi32(_mm256_set1_epi32(0x00800000), iy));
+        odd = _mm256_or_si256(odd, _mm256_cmpgt_epi32(ix, _mm256_set1_epi32(0x7f7fffff)));
+        odd = _mm256_or_si256(odd, _mm256_cmpgt_epi32(iy, _mm256_set1_epi32(0x7f7fffff)));
+        odd = _mm256_or_si256(odd, _mm256_cmpeq_epi32(hx, _mm256_set1_epi32(0x3f800000)));
+        odd = _mm256_or_si256(odd, _mm256_cmpgt_epi32(k, _mm256_set1_epi32(60)));
+        odd = _mm256_or_si256(odd, _mm256_and_si256(_mm256_cmpgt_epi32(_mm256_setzero_si256(), hx),
+                                                    _mm256_cmpgt_epi32(_mm256_set1_epi32(-60), k)));
+        special += __builtin_popcount(static_cast<unsigned>(_mm256_movemask_ps(_mm256_castsi256_ps(odd))));
+    }
+    for (; i < n; ++i) {
+        out[i] = arcTangent2Lane(y[i], x[i]);
+        special += static_cast<int>(arcTangent2Special(y[i], x[i]));
+    }
+    return special;
+}
+
+}  // namespace
+
+float arcTangent2(float y, float x) {
+    return arcTangent2Special(y, x) ? std::atan2(y, x) : arcTangent2Lane(y, x);
+}
+
+void arcTangent2(float* out, const float* y, const float* x, int n) {
+    const bool avx2 = cpuHasAvx2();
+    for (int start = 0; start < n; start += kArcTangentTile) {
+        const int count = n - start < kArcTangentTile ? n - start : kArcTangentTile;
+        float tile[kArcTangentTile];
+        const int special = avx2 ? arcTangent2TileAvx2(tile, y + start, x + start, count)
+                                 : arcTangent2Tile(tile, y + start, x + start, count);
+        if (special != 0)
+            for (int i = 0; i < count; ++i)
+                if (arcTangent2Special(y[start + i], x[start + i]))
+                    tile[i] = std::atan2(y[start + i], x[start + i]);
+        std::memcpy(out + start, tile, sizeof(float) * static_cast<std::size_t>(count));
+    }
+}
 
 void magnitude(float* out, const cfloat* in, int n) {
     if (cpuHasAvx2())

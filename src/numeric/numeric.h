@@ -87,6 +87,17 @@ void transpose(cfloat* out, const cfloat* in, int rows, int cols);
 // Magnitude sqrt(re^2 + im^2) of n complex samples.
 void magnitude(float* out, const cfloat* in, int n);
 
+// Four-quadrant arctangent out[i] = atan2(y[i], x[i]), radians, n floats; out
+// may be y or x. The single-precision formulas of the C library this system
+// is built on (glibc 2.36's atan2f and atanf: argument reduction into five
+// ranges, an odd polynomial in two halves, the quadrant from the signs),
+// evaluated branch-free on wide vectors; zeros, infinities, NaN, denormals,
+// x = 1 and quotients beyond 2^60 go to the library's atan2f itself. On that
+// library every value is the same bits as std::atan2's.
+void arcTangent2(float* out, const float* y, const float* x, int n);
+// The same, one value at a time (the reference of the vector form).
+float arcTangent2(float y, float x);
+
 // Mean of n floats, accumulated in double precision, rounded to float.
 float mean(const float* x, int n);
 // Sample standard deviation (divisor n - 1), accumulated in double.
