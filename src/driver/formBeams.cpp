@@ -51,7 +51,18 @@ void steeringRow(cfloat* row, double angleDegrees, double offsetDegrees, double 
     const double angle = offsetDegrees == 0.0 ? angleDegrees : angleDegrees + offsetDegrees;
     const double scaledSin = std::sin(angle * (1.0 / kDegreesPerRadian)) * phaseScale;
     double lowRe[8], lowIm[8], highRe[8], highIm[8];
-    for (int32_t l = 0; l < 8; ++l) {
+    // Element 0's phase is a zero (of either sign): its sine is that zero
+    // and its cosine 1, exactly as the library gives them.
+    const double zeroPhase = -(scaledSin * 0.0);
+    if (zeroPhase == 0.0) {
+        lowIm[0] = highIm[0] = zeroPhase;
+        lowRe[0] = highRe[0] = 1.0;
+    } else {
+        ::sincos(zeroPhase, &lowIm[0], &lowRe[0]);
+        highIm[0] = lowIm[0];
+        highRe[0] = lowRe[0];
+    }
+    for (int32_t l = 1; l < 8; ++l) {
         ::sincos(-(scaledSin * static_cast<double>(l)), &lowIm[l], &lowRe[l]);
         ::sincos(-(scaledSin * static_cast<double>(8 * l)), &highIm[l], &highRe[l]);
     }
