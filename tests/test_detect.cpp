@@ -158,6 +158,32 @@ TEST(FitQuadraticRobust, ExactDataAndAFarOutlier) {
     }
 }
 
+// The detection's smoothing against its definition, written plainly: output
+// i is the mean of the width inputs centred on input i * step, the ends
+// repeated, summed in window order. Widths and steps of the detection (3 and
+// 2, up to 21 and 11) and others, lengths around them.
+TEST(DecimatedMovingAverage, MeansOfCentredWindowsEndsRepeated) {
+    std::mt19937 rng(3);
+    std::uniform_real_distribution<float> unit(0.0f, 1000.0f);
+    for (int n : {1, 2, 5, 21, 22, 100, 1001, 7985})
+        for (auto [width, step] : {std::pair{3, 2}, std::pair{1, 1}, std::pair{5, 3},
+                                   std::pair{9, 5}, std::pair{21, 11}, std::pair{15, 8},
+                                   std::pair{7, 1}, std::pair{3, 7}}) {
+            std::vector<float> x(n);
+            for (float& v : x) v = unit(rng);
+            std::vector<float> out(n + 1, -1.0f);
+            const int length = kvane::decimatedMovingAverage(out.data(), x.data(), n, width, step);
+            ASSERT_EQ(length, (n + step - 1) / step);
+            for (int i = 0; i < length; ++i) {
+                float sum = 0.0f;
+                for (int k = i * step - width / 2; k <= i * step + width / 2; ++k)
+                    sum += x[std::clamp(k, 0, n - 1)];
+                ASSERT_EQ(out[i], sum / static_cast<float>(width)) << n << " " << width << " " << step << " " << i;
+            }
+            ASSERT_EQ(out[length], -1.0f);
+        }
+}
+
 // The detection's own route to the least-squares solution against the
 // library's solver: the same numbers, bit for bit, on the fits a gate makes
 // (rows k^2, k, 1, weighted), on systems the solver scales (tiny or huge
