@@ -22,6 +22,9 @@ constexpr int kMaxDetectBeams = 256;
 // Samples of one beam that a work line takes.
 constexpr int kMaxWorkLength = kDetectLineLength - 8;
 const float kDropsDb[kDropCount] = {6.0f, 8.0f, 10.0f, 12.0f, 14.0f};
+// The measurement of one gate costs about as much as this many of its samples
+// besides them (its fits).
+constexpr int64_t kGateFixedCost = 300;
 
 // Smoothing width of the beams outside the centre band, wider for long pings
 // and deep first echoes.
@@ -311,9 +314,26 @@ void detectBeamCandidates(const BottomDetectArgs* args, EchoCandidate* const* ca
         }
         formSplitIq(windows, context);
     }
+    // The measurements cost about the samples of their gates and a fixed
+    // amount per gate (the fits): the beams are dealt out from the costliest
+    // down, so that the threads' shares come out even. Every beam is measured
+    // alone, on the lines of the thread that takes it, so the order changes
+    // nothing but the time.
+    int order[kMaxDetectBeams];
+    int64_t cost[kMaxDetectBeams];
+    for (int b = 0; b < beamCount; ++b) {
+        order[b] = b;
+        cost[b] = 0;
+        for (int p = 0; p < gates[b].count; ++p) {
+            int32_t first, last;
+            gateSpan(plan, gates[b], p, &first, &last);
+            cost[b] += std::max(last - first + 1, 0) + kGateFixedCost;
+        }
+    }
+    std::stable_sort(order, order + beamCount, [&cost](int a, int b) { return cost[a] > cost[b]; });
 #pragma omp parallel for num_threads(team) schedule(static, 1)
-    for (int b = 0; b < beamCount; ++b)
-        measureBeamGates(plan, b, lineSet(args->work, omp_get_thread_num()), gates[b]);
+    for (int j = 0; j < beamCount; ++j)
+        measureBeamGates(plan, order[j], lineSet(args->work, omp_get_thread_num()), gates[order[j]]);
 }
 
 }  // namespace kvane

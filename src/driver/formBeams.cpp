@@ -229,7 +229,7 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
                 cfloat* own = beamBlockOf(io->formedBeamIq, thread);
                 TeamShareClock clock;
                 clock.start();
-#pragma omp for schedule(static) nowait
+#pragma omp for schedule(static, 1) nowait
                 for (int32_t k = 0; k < blocks; ++k) {
                     if (image && byColumns) {
                         const int32_t col0 = k * kProductColumns;
@@ -296,7 +296,7 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
         cfloat steer[kMaxBeams * kChannels];
         TeamShareClock clock;
         clock.start();
-#pragma omp for schedule(static) nowait
+#pragma omp for schedule(static, 1) nowait
         for (int32_t s = 0; s < segments; ++s) {
             const int32_t start = s * kSegmentLength;
             const int32_t len = n - start < kSegmentLength ? n - start : kSegmentLength;
