@@ -101,42 +101,56 @@ constexpr double kRoundingMargin = 0x1p-40;
 constexpr double kLargestFastPhase = 4096.0;
 
 #define KVANE_AVX2_INLINE __attribute__((target("avx2"), always_inline)) inline
-KVANE_AVX2_INLINE void sinCos4(__m256d x, __m256d* sine, __m256d* cosine) {
+// Sines and cosines of 16 phases (four vectors, worked in step so that their
+// polynomials overlap).
+KVANE_AVX2_INLINE void sinCos16(const double* phase, double* sine, double* cosine) {
     // pi/2 as its first 33 bits and the rest: q * kHalfPiHigh is exact for
     // |q| < 2^20.
-    const __m256d kHalfPiHigh = _mm256_set1_pd(1.57079632673412561417e+00);
-    const __m256d kHalfPiLow = _mm256_set1_pd(6.07710050650619224932e-11);
-    const __m256d q = _mm256_round_pd(_mm256_mul_pd(x, _mm256_set1_pd(0.63661977236758134308)),
-                                      _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
-    const __m256d r = _mm256_sub_pd(_mm256_sub_pd(x, _mm256_mul_pd(q, kHalfPiHigh)),
-                                    _mm256_mul_pd(q, kHalfPiLow));
-    const __m256d r2 = _mm256_mul_pd(r, r);
-    // Taylor coefficients 1/k! with alternating signs.
-    const double sineTerms[] = {1.0 / 355687428096000.0, -1.0 / 1307674368000.0,
-                                1.0 / 6227020800.0,      -1.0 / 39916800.0,
-                                1.0 / 362880.0,          -1.0 / 5040.0,
-                                1.0 / 120.0,             -1.0 / 6.0};
-    const double cosineTerms[] = {-1.0 / 6402373705728000.0, 1.0 / 20922789888000.0,
-                                  -1.0 / 87178291200.0,      1.0 / 479001600.0,
-                                  -1.0 / 3628800.0,          1.0 / 40320.0,
-                                  -1.0 / 720.0,              1.0 / 24.0,
-                                  -1.0 / 2.0};
-    __m256d ps = _mm256_set1_pd(sineTerms[0]);
-    for (int k = 1; k < 8; ++k) ps = _mm256_add_pd(_mm256_mul_pd(ps, r2), _mm256_set1_pd(sineTerms[k]));
-    const __m256d sr = _mm256_add_pd(r, _mm256_mul_pd(r, _mm256_mul_pd(r2, ps)));
-    __m256d pc = _mm256_set1_pd(cosineTerms[0]);
-    for (int k = 1; k < 9; ++k) pc = _mm256_add_pd(_mm256_mul_pd(pc, r2), _mm256_set1_pd(cosineTerms[k]));
-    const __m256d cr = _mm256_add_pd(_mm256_set1_pd(1.0), _mm256_mul_pd(r2, pc));
-    // Quadrant q mod 4: (s, c) = (sr, cr), (cr, -sr), (-sr, -cr), (-cr, sr).
-    const __m128i quadrant = _mm256_cvtpd_epi32(q);
-    const __m256i k = _mm256_cvtepi32_epi64(_mm_and_si128(quadrant, _mm_set1_epi32(3)));
-    const __m256d swap = _mm256_castsi256_pd(_mm256_cmpeq_epi64(_mm256_and_si256(k, _mm256_set1_epi64x(1)),
-                                                                _mm256_set1_epi64x(1)));
-    const __m256d negateSine = _mm256_castsi256_pd(_mm256_slli_epi64(_mm256_srli_epi64(k, 1), 63));
-    const __m256d negateCosine = _mm256_castsi256_pd(
-        _mm256_slli_epi64(_mm256_xor_si256(_mm256_srli_epi64(k, 1), _mm256_and_si256(k, _mm256_set1_epi64x(1))), 63));
-    *sine = _mm256_xor_pd(_mm256_blendv_pd(sr, cr, swap), negateSine);
-    *cosine = _mm256_xor_pd(_mm256_blendv_pd(cr, sr, swap), negateCosine);
+    const __m256d halfPiHigh = _mm256_set1_pd(1.57079632673412561417e+00);
+    const __m256d halfPiLow = _mm256_set1_pd(6.07710050650619224932e-11);
+    const __m256d twoOverPi = _mm256_set1_pd(0.63661977236758134308);
+    // Taylor coefficients 1/k! with alternating signs, highest power first.
+    constexpr double kSineTerms[8] = {1.0 / 355687428096000.0, -1.0 / 1307674368000.0,
+                                      1.0 / 6227020800.0,      -1.0 / 39916800.0,
+                                      1.0 / 362880.0,          -1.0 / 5040.0,
+                                      1.0 / 120.0,             -1.0 / 6.0};
+    constexpr double kCosineTerms[9] = {-1.0 / 6402373705728000.0, 1.0 / 20922789888000.0,
+                                        -1.0 / 87178291200.0,      1.0 / 479001600.0,
+                                        -1.0 / 3628800.0,          1.0 / 40320.0,
+                                        -1.0 / 720.0,              1.0 / 24.0,
+                                        -1.0 / 2.0};
+    __m256d q[4], r[4], r2[4], ps[4], pc[4];
+#pragma GCC unroll 4
+    for (int v = 0; v < 4; ++v) {
+        const __m256d x = _mm256_loadu_pd(phase + 4 * v);
+        q[v] = _mm256_round_pd(_mm256_mul_pd(x, twoOverPi), _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
+        r[v] = _mm256_sub_pd(_mm256_sub_pd(x, _mm256_mul_pd(q[v], halfPiHigh)),
+                             _mm256_mul_pd(q[v], halfPiLow));
+        r2[v] = _mm256_mul_pd(r[v], r[v]);
+        ps[v] = _mm256_set1_pd(kSineTerms[0]);
+        pc[v] = _mm256_set1_pd(kCosineTerms[0]);
+    }
+#pragma GCC unroll 8
+    for (int k = 1; k < 9; ++k)
+#pragma GCC unroll 4
+        for (int v = 0; v < 4; ++v) {
+            if (k < 8) ps[v] = _mm256_add_pd(_mm256_mul_pd(ps[v], r2[v]), _mm256_set1_pd(kSineTerms[k]));
+            pc[v] = _mm256_add_pd(_mm256_mul_pd(pc[v], r2[v]), _mm256_set1_pd(kCosineTerms[k]));
+        }
+#pragma GCC unroll 4
+    for (int v = 0; v < 4; ++v) {
+        const __m256d sr = _mm256_add_pd(r[v], _mm256_mul_pd(r[v], _mm256_mul_pd(r2[v], ps[v])));
+        const __m256d cr = _mm256_add_pd(_mm256_set1_pd(1.0), _mm256_mul_pd(r2[v], pc[v]));
+        // Quadrant q mod 4: (s, c) = (sr, cr), (cr, -sr), (-sr, -cr), (-cr, sr).
+        const __m256i k = _mm256_cvtepi32_epi64(_mm_and_si128(_mm256_cvtpd_epi32(q[v]), _mm_set1_epi32(3)));
+        const __m256i odd = _mm256_and_si256(k, _mm256_set1_epi64x(1));
+        const __m256i half = _mm256_srli_epi64(k, 1);
+        const __m256d swap = _mm256_castsi256_pd(_mm256_cmpeq_epi64(odd, _mm256_set1_epi64x(1)));
+        const __m256d negateSine = _mm256_castsi256_pd(_mm256_slli_epi64(half, 63));
+        const __m256d negateCosine = _mm256_castsi256_pd(_mm256_slli_epi64(_mm256_xor_si256(half, odd), 63));
+        _mm256_storeu_pd(sine + 4 * v, _mm256_xor_pd(_mm256_blendv_pd(sr, cr, swap), negateSine));
+        _mm256_storeu_pd(cosine + 4 * v, _mm256_xor_pd(_mm256_blendv_pd(cr, sr, swap), negateCosine));
+    }
 }
 
 KVANE_AVX2 void steeringRowAvx2(cfloat* row, double angleDegrees, double offsetDegrees,
@@ -155,12 +169,7 @@ KVANE_AVX2 void steeringRowAvx2(cfloat* row, double angleDegrees, double offsetD
     }
     phase[7] = phase[15] = 0.0;
     alignas(32) double sine[16], cosine[16];
-    for (int32_t v = 0; v < 4; ++v) {
-        __m256d sv, cv;
-        sinCos4(_mm256_load_pd(phase + 4 * v), &sv, &cv);
-        _mm256_store_pd(sine + 4 * v, sv);
-        _mm256_store_pd(cosine + 4 * v, cv);
-    }
+    sinCos16(phase, sine, cosine);
     double lowRe[8], lowIm[8], highRe[8], highIm[8];
     // Element 0: a zero phase (scaledSin is finite here).
     lowIm[0] = highIm[0] = -(scaledSin * 0.0);
@@ -509,7 +518,7 @@ void formSplitProducts(const KVaneParams* params, bool segmented, const KVaneRes
 #pragma omp parallel num_threads(teamSize())
     {
         const SplitThreadStore store = splitThreadStore(&io->split, omp_get_thread_num());
-#pragma omp for schedule(static)
+#pragma omp for schedule(static, 1)
         for (int32_t j = 0; j < count; ++j) {
             const int32_t s = list[j];
             const int32_t start = s * kSegmentLength;
