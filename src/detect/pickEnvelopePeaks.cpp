@@ -2,11 +2,63 @@
 #include <algorithm>
 #include <cmath>
 
+#include <immintrin.h>
+
 #include "detect.h"
 
 namespace kvane {
 namespace {
 
+// The local maxima j = i + 1 for i in from..to (slope into j not falling,
+// slope out of it falling), in ascending order: all of them are counted, and
+// those above the threshold (isAbove) appended to kept. Returns the count.
+template <typename Above>
+int collectMaxima(int32_t* kept, int* keptCount, const float* v, int from, int to, Above isAbove) {
+    int maxima = 0;
+    for (int i = from; i <= to; ++i) {
+        const bool peak = (v[i + 1] - v[i] >= 0.0f) & (v[i + 2] - v[i + 1] < 0.0f);
+        maxima += static_cast<int>(peak);
+        kept[*keptCount] = i + 1;
+        *keptCount += static_cast<int>(peak && isAbove(i + 1));
+    }
+    return maxima;
+}
+
+// The same eight samples at a time: the slopes and comparisons of each
+// sample as above, the maxima taken from the bits of the masks.
+KVANE_AVX2 int collectMaximaAvx2(int32_t* kept, int* keptCount, const float* v, int from, int to,
+                                 float threshold, int tieCut) {
+    int maxima = 0;
+    int i = from;
+    const __m256 zero = _mm256_setzero_ps();
+    const __m256 level = _mm256_set1_ps(threshold);
+    const __m256i lanes = _mm256_setr_epi32(1, 2, 3, 4, 5, 6, 7, 8);
+    const __m256i cut = _mm256_set1_epi32(tieCut);
+    for (; i + 7 <= to; i += 8) {
+        const __m256 a = _mm256_loadu_ps(v + i);
+        const __m256 b = _mm256_loadu_ps(v + i + 1);
+        const __m256 c = _mm256_loadu_ps(v + i + 2);
+        const __m256 peak = _mm256_and_ps(_mm256_cmp_ps(_mm256_sub_ps(b, a), zero, _CMP_GE_OQ),
+                                          _mm256_cmp_ps(_mm256_sub_ps(c, b), zero, _CMP_LT_OQ));
+        // Above: over the threshold, or on it from index tieCut on.
+        const __m256i index = _mm256_add_epi32(_mm256_set1_epi32(i), lanes);
+        const __m256 fromCut = _mm256_castsi256_ps(
+            _mm256_cmpgt_epi32(index, _mm256_sub_epi32(cut, _mm256_set1_epi32(1))));
+        const __m256 above = _mm256_or_ps(_mm256_cmp_ps(b, level, _CMP_GT_OQ),
+                                          _mm256_and_ps(_mm256_cmp_ps(b, level, _CMP_EQ_OQ), fromCut));
+        const unsigned all = static_cast<unsigned>(_mm256_movemask_ps(peak));
+        unsigned keep = static_cast<unsigned>(_mm256_movemask_ps(_mm256_and_ps(peak, above)));
+        maxima += __builtin_popcount(all);
+        while (keep != 0) {
+            kept[(*keptCount)++] = i + 1 + __builtin_ctz(keep);
+            keep &= keep - 1;
+        }
+    }
+    auto isAbove = [&](int j) { return v[j] > threshold || (v[j] == threshold && j >= tieCut); };
+    return maxima + collectMaxima(kept, keptCount, v, i, to, isAbove);
+}
+
+template <bool Wide>
 KVANE_LOOP_BODY int pickPeaks(int32_t* peaks, int maxPeaks, const float* y, int n, int minDistance,
                      float* levels, int32_t* order) {
     if (n < 2 || maxPeaks < 1) return 0;
@@ -99,39 +151,39 @@ KVANE_LOOP_BODY int pickPeaks(int32_t* peaks, int maxPeaks, const float* y, int 
     auto isAbove = [&](int i) { return v[i] > threshold || (v[i] == threshold && i >= tieCut); };
 
     // Local maxima from the slopes d[i] = v[i + 1] - v[i], in ascending index
-    // order (written unconditionally and kept by the count: noisy envelopes
-    // defeat branch prediction).
-    int count = 0;
+    // order, and of them those above the threshold (written unconditionally
+    // and kept by the count: noisy envelopes defeat branch prediction).
+    int maxima = 0;
+    int found = 0;
+    auto take = [&](int index) {
+        ++maxima;
+        order[found] = index;
+        found += static_cast<int>(isAbove(index));
+    };
     if (n == 2) {
-        order[count++] = 0;
+        take(0);
     } else {
         int s = 0;
         // The first maximum of a falling start is index 1, not 0: the rule of
         // this detector, even though sample 1 is lower than sample 0.
         if (v[1] - v[0] < 0.0f) {
-            order[count++] = 1;
+            take(1);
             s = 1;
         }
-        for (int i = s; i <= n - 4; ++i) {
-            order[count] = i + 1;
-            count += static_cast<int>(v[i + 1] - v[i] >= 0.0f) & static_cast<int>(v[i + 2] - v[i + 1] < 0.0f);
-        }
+        if constexpr (Wide)
+            maxima += collectMaximaAvx2(order, &found, v, s, n - 4, threshold, tieCut);
+        else
+            maxima += collectMaxima(order, &found, v, s, n - 4, isAbove);
         // Only the slope before last is looked at: a rise into the last sample
         // makes no peak there.
         const int e = std::max(s, n - 3);
-        if (v[e + 1] - v[e] > 0.0f) order[count++] = e + 1;
+        if (v[e + 1] - v[e] > 0.0f) take(e + 1);
     }
-    if (count == 0) return 0;
+    if (maxima == 0) return 0;
 
     // Maxima that are also above the threshold; if there are none, the
     // largest index above the threshold stands in.
-    int found = 0;
-    for (int k = 0; k < count; ++k) {
-        const int32_t index = order[k];
-        order[found] = index;
-        found += static_cast<int>(isAbove(index));
-    }
-    count = found;
+    int count = found;
     if (count == 0) {
         int largest = n - 1;
         while (largest >= 0 && !isAbove(largest)) --largest;
@@ -164,7 +216,7 @@ KVANE_LOOP_BODY int pickPeaks(int32_t* peaks, int maxPeaks, const float* y, int 
 
 KVANE_AVX2 int pickPeaksAvx2(int32_t* peaks, int maxPeaks, const float* y, int n,
                              int minDistance, float* levels, int32_t* order) {
-    return pickPeaks(peaks, maxPeaks, y, n, minDistance, levels, order);
+    return pickPeaks<true>(peaks, maxPeaks, y, n, minDistance, levels, order);
 }
 
 }  // namespace
@@ -172,7 +224,7 @@ KVANE_AVX2 int pickPeaksAvx2(int32_t* peaks, int maxPeaks, const float* y, int n
 int pickEnvelopePeaks(int32_t* peaks, int maxPeaks, const float* y, int n, int minDistance,
                       float* levels, int32_t* order) {
     if (cpuHasAvx2()) return pickPeaksAvx2(peaks, maxPeaks, y, n, minDistance, levels, order);
-    return pickPeaks(peaks, maxPeaks, y, n, minDistance, levels, order);
+    return pickPeaks<false>(peaks, maxPeaks, y, n, minDistance, levels, order);
 }
 
 }  // namespace kvane
