@@ -1,5 +1,6 @@
 // conditionChannels.cpp - the head of the ping: integer planes to scaled
 // complex channels, the first-echo history, the optional fixed gain.
+#include <immintrin.h>
 #include <omp.h>
 
 #include <algorithm>
@@ -44,7 +45,38 @@ KVANE_LOOP_BODY void scaleSamples(cfloat* raw, cfloat* filt, float* mag, const i
         for (int32_t t = from; t < to; ++t) filt[t] = cfloat{raw[t].re * tap, raw[t].im * tap};
 }
 
+// mag (64 rows of kTileSamples) to magnitudeBySample rows t0 .. t0 + len - 1
+// (64 floats each), eight by eight through the registers.
+KVANE_AVX2 void transposeTileAvx2(float* magnitudeBySample, const float (*mag)[kTileSamples],
+                                  int32_t t0, int32_t len) {
+    int32_t t = 0;
+    for (; t + 8 <= len; t += 8)
+        for (int32_t c = 0; c < kChannels; c += 8) {
+            __m256 r[8];
+            for (int k = 0; k < 8; ++k) r[k] = _mm256_loadu_ps(mag[c + k] + t);
+            const __m256 a0 = _mm256_unpacklo_ps(r[0], r[1]), a1 = _mm256_unpackhi_ps(r[0], r[1]);
+            const __m256 a2 = _mm256_unpacklo_ps(r[2], r[3]), a3 = _mm256_unpackhi_ps(r[2], r[3]);
+            const __m256 a4 = _mm256_unpacklo_ps(r[4], r[5]), a5 = _mm256_unpackhi_ps(r[4], r[5]);
+            const __m256 a6 = _mm256_unpacklo_ps(r[6], r[7]), a7 = _mm256_unpackhi_ps(r[6], r[7]);
+            const __m256 b0 = _mm256_shuffle_ps(a0, a2, 0x44), b1 = _mm256_shuffle_ps(a0, a2, 0xee);
+            const __m256 b2 = _mm256_shuffle_ps(a1, a3, 0x44), b3 = _mm256_shuffle_ps(a1, a3, 0xee);
+            const __m256 b4 = _mm256_shuffle_ps(a4, a6, 0x44), b5 = _mm256_shuffle_ps(a4, a6, 0xee);
+            const __m256 b6 = _mm256_shuffle_ps(a5, a7, 0x44), b7 = _mm256_shuffle_ps(a5, a7, 0xee);
+            const __m256 rows[8] = {_mm256_permute2f128_ps(b0, b4, 0x20), _mm256_permute2f128_ps(b1, b5, 0x20),
+                                    _mm256_permute2f128_ps(b2, b6, 0x20), _mm256_permute2f128_ps(b3, b7, 0x20),
+                                    _mm256_permute2f128_ps(b0, b4, 0x31), _mm256_permute2f128_ps(b1, b5, 0x31),
+                                    _mm256_permute2f128_ps(b2, b6, 0x31), _mm256_permute2f128_ps(b3, b7, 0x31)};
+            for (int k = 0; k < 8; ++k)
+                _mm256_storeu_ps(magnitudeBySample + static_cast<int64_t>(t0 + t + k) * kChannels + c, rows[k]);
+        }
+    for (; t < len; ++t) {
+        float* out = magnitudeBySample + static_cast<int64_t>(t0 + t) * kChannels;
+        for (int32_t c = 0; c < kChannels; ++c) out[c] = mag[c][t];
+    }
+}
+
 // Tile of samples t0 .. t0 + len - 1 of all 64 channels.
+template <bool Wide>
 KVANE_LOOP_BODY void conditionTile(cfloat* rawChannels, cfloat* filteredChannels,
                                    float* magnitudeBySample, const int32_t* planeI,
                                    const int32_t* planeQ, int32_t n, int32_t t0, int32_t len) {
@@ -63,15 +95,20 @@ KVANE_LOOP_BODY void conditionTile(cfloat* rawChannels, cfloat* filteredChannels
         scaleSamples(raw, filt, mag[c], planeI + row, planeQ + row, t0, split, 15);
         scaleSamples(raw, filt, mag[c] + (split - t0), planeI + row, planeQ + row, split, end, 0);
     }
-    for (int32_t t = 0; t < len; ++t) {
-        float* out = magnitudeBySample + static_cast<int64_t>(t0 + t) * kChannels;
-        for (int32_t c = 0; c < kChannels; ++c) out[c] = mag[c][t];
+    if constexpr (Wide) {
+        transposeTileAvx2(magnitudeBySample, mag, t0, len);
+    } else {
+        for (int32_t t = 0; t < len; ++t) {
+            float* out = magnitudeBySample + static_cast<int64_t>(t0 + t) * kChannels;
+            for (int32_t c = 0; c < kChannels; ++c) out[c] = mag[c][t];
+        }
     }
 }
 KVANE_AVX2 void conditionTileAvx2(cfloat* rawChannels, cfloat* filteredChannels,
                                   float* magnitudeBySample, const int32_t* planeI,
                                   const int32_t* planeQ, int32_t n, int32_t t0, int32_t len) {
-    conditionTile(rawChannels, filteredChannels, magnitudeBySample, planeI, planeQ, n, t0, len);
+    conditionTile<true>(rawChannels, filteredChannels, magnitudeBySample, planeI, planeQ, n, t0,
+                        len);
 }
 
 }  // namespace
@@ -89,8 +126,8 @@ void conditionChannels(cfloat* rawChannels, cfloat* filteredChannels, float* mag
             conditionTileAvx2(rawChannels, filteredChannels, magnitudeBySample, planeI, planeQ, n,
                               t0, len);
         else
-            conditionTile(rawChannels, filteredChannels, magnitudeBySample, planeI, planeQ, n, t0,
-                          len);
+            conditionTile<false>(rawChannels, filteredChannels, magnitudeBySample, planeI, planeQ,
+                                 n, t0, len);
     }
 }
 
