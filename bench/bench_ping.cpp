@@ -16,6 +16,7 @@
 #include <chrono>
 #include <memory>
 #include <thread>
+#include <vector>
 
 #include "bench_common.h"
 
@@ -76,6 +77,46 @@ void BM_Ping(benchmark::State& state) {
     state.counters["product_gflop"] = kvbench::productOperations(kSamples, kBeams) * 1e-9;
 }
 
+// The segmented ping against the one-shot ping in alternation: every
+// iteration runs a one-shot ping and then a segmented ping of the same
+// recording, each timed alone, so that both see the same state of a machine
+// whose load drifts from second to second (cases timed one after the other
+// do not). Counters: the median one-shot and segmented times (ms) and the
+// median over the pairs of segmented over one-shot.
+void BM_PingPair(benchmark::State& state) {
+    kvbench::ensureWorkspace();
+    std::unique_ptr<kvbench::PingCase> oneShot =
+        kvbench::makePingCase(kSamples, kBeams, false, false);
+    std::unique_ptr<kvbench::PingCase> segmented =
+        kvbench::makePingCase(kSamples, kBeams, true, false);
+    for (int i = 0; i < kvbench::kRecordingPings; ++i) {
+        kvbench::runPing(oneShot.get());
+        kvbench::runPing(segmented.get());
+    }
+    std::vector<double> one, seg, ratio;
+    for (auto _ : state) {
+        const auto t0 = std::chrono::steady_clock::now();
+        kvbench::runPing(oneShot.get());
+        benchmark::ClobberMemory();
+        const auto t1 = std::chrono::steady_clock::now();
+        kvbench::runPing(segmented.get());
+        benchmark::ClobberMemory();
+        const auto t2 = std::chrono::steady_clock::now();
+        one.push_back(std::chrono::duration<double, std::milli>(t1 - t0).count());
+        seg.push_back(std::chrono::duration<double, std::milli>(t2 - t1).count());
+        ratio.push_back(seg.back() / one.back());
+    }
+    auto median = [](std::vector<double> v) {
+        if (v.empty()) return 0.0;
+        std::sort(v.begin(), v.end());
+        const std::size_t mid = v.size() / 2;
+        return v.size() % 2 ? v[mid] : 0.5 * (v[mid - 1] + v[mid]);
+    };
+    state.counters["one_shot_ms"] = median(one);
+    state.counters["segmented_ms"] = median(seg);
+    state.counters["segmented_over_one_shot"] = median(ratio);
+}
+
 // The floor: the complex products of the same ping alone, made as the
 // kernel makes them.
 void BM_MatrixFloor(benchmark::State& state) {
@@ -98,6 +139,7 @@ BENCHMARK(BM_Ping)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime()
     ->MinTime(2.0);
+BENCHMARK(BM_PingPair)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(3.0);
 BENCHMARK(BM_MatrixFloor)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2.0);
 
 }  // namespace
