@@ -6,6 +6,7 @@
 #include <immintrin.h>
 #include <omp.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -87,23 +88,25 @@ void steeringRow(cfloat* row, double angleDegrees, double offsetDegrees, double 
         }
 }
 
-// The same row with the sines and cosines of its 14 phases made on wide
-// vectors (reduction by pi/2 in two parts, Taylor series to the 17th and
-// 18th power on |r| <= pi/4: within a few units of the 16th digit of the
-// library's values). Each weight is then the same double product, rounded to
-// single precision; a weight whose double value lies within 2^-40 of a point
-// where that rounding changes (a thousand times any difference between the
-// two ways of getting the sines) could round differently from the library's
-// route, and its row is made again by steeringRow. So every weight is
+// The same rows, four at a time, on wide vectors: each row's phasor of
+// elements 1 and 8 from a sine and cosine of its own (a reduction by pi/2 and
+// Taylor series, within 1.2e-16 of the library's values), those of elements
+// 2..7 and 16..56 as their powers (a few units of the 16th digit more), then
+// the same double products as steeringRow, rounded to single precision. A
+// weight whose double value lies within 2^-40 of a point where that rounding
+// changes (a hundred times any difference between the two ways of getting
+// the phasors) could round differently from the library's route: its row is
+// made again by steeringRow (about 2 % of rows). So every weight is
 // steeringRow's, at a fraction of its cost.
 constexpr double kRoundingMargin = 0x1p-40;
 // Phases beyond this are left to steeringRow (no sound speed makes them).
 constexpr double kLargestFastPhase = 4096.0;
 
 #define KVANE_AVX2_INLINE __attribute__((target("avx2"), always_inline)) inline
-// Sines and cosines of 16 phases (four vectors, worked in step so that their
+// Sines and cosines of 4 * V phases (V vectors, worked in step so that their
 // polynomials overlap).
-KVANE_AVX2_INLINE void sinCos16(const double* phase, double* sine, double* cosine) {
+template <int V>
+KVANE_AVX2_INLINE void sinCosVectors(const double* phase, double* sine, double* cosine) {
     // pi/2 as its first 33 bits and the rest: q * kHalfPiHigh is exact for
     // |q| < 2^20.
     const __m256d halfPiHigh = _mm256_set1_pd(1.57079632673412561417e+00);
@@ -119,9 +122,9 @@ KVANE_AVX2_INLINE void sinCos16(const double* phase, double* sine, double* cosin
                                         -1.0 / 3628800.0,          1.0 / 40320.0,
                                         -1.0 / 720.0,              1.0 / 24.0,
                                         -1.0 / 2.0};
-    __m256d q[4], r[4], r2[4], ps[4], pc[4];
+    __m256d q[V], r[V], r2[V], ps[V], pc[V];
 #pragma GCC unroll 4
-    for (int v = 0; v < 4; ++v) {
+    for (int v = 0; v < V; ++v) {
         const __m256d x = _mm256_loadu_pd(phase + 4 * v);
         q[v] = _mm256_round_pd(_mm256_mul_pd(x, twoOverPi), _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
         r[v] = _mm256_sub_pd(_mm256_sub_pd(x, _mm256_mul_pd(q[v], halfPiHigh)),
@@ -133,12 +136,12 @@ KVANE_AVX2_INLINE void sinCos16(const double* phase, double* sine, double* cosin
 #pragma GCC unroll 8
     for (int k = 1; k < 9; ++k)
 #pragma GCC unroll 4
-        for (int v = 0; v < 4; ++v) {
+        for (int v = 0; v < V; ++v) {
             if (k < 8) ps[v] = _mm256_add_pd(_mm256_mul_pd(ps[v], r2[v]), _mm256_set1_pd(kSineTerms[k]));
             pc[v] = _mm256_add_pd(_mm256_mul_pd(pc[v], r2[v]), _mm256_set1_pd(kCosineTerms[k]));
         }
 #pragma GCC unroll 4
-    for (int v = 0; v < 4; ++v) {
+    for (int v = 0; v < V; ++v) {
         const __m256d sr = _mm256_add_pd(r[v], _mm256_mul_pd(r[v], _mm256_mul_pd(r2[v], ps[v])));
         const __m256d cr = _mm256_add_pd(_mm256_set1_pd(1.0), _mm256_mul_pd(r2[v], pc[v]));
         // Quadrant q mod 4: (s, c) = (sr, cr), (cr, -sr), (-sr, -cr), (-cr, sr).
@@ -153,36 +156,13 @@ KVANE_AVX2_INLINE void sinCos16(const double* phase, double* sine, double* cosin
     }
 }
 
-KVANE_AVX2 void steeringRowAvx2(cfloat* row, double angleDegrees, double offsetDegrees,
-                                double phaseScale) {
-    const double angle = offsetDegrees == 0.0 ? angleDegrees : angleDegrees + offsetDegrees;
-    const double scaledSin = std::sin(angle * (1.0 / kDegreesPerRadian)) * phaseScale;
-    if (!(std::fabs(scaledSin) * 56.0 <= kLargestFastPhase)) {
-        steeringRow(row, angleDegrees, offsetDegrees, phaseScale);
-        return;
-    }
-    // Phases of elements 1..7 and 8, 16, .., 56 (lanes 0..6 and 8..14).
-    alignas(32) double phase[16];
-    for (int32_t l = 1; l < 8; ++l) {
-        phase[l - 1] = -(scaledSin * static_cast<double>(l));
-        phase[l + 7] = -(scaledSin * static_cast<double>(8 * l));
-    }
-    phase[7] = phase[15] = 0.0;
-    alignas(32) double sine[16], cosine[16];
-    sinCos16(phase, sine, cosine);
-    double lowRe[8], lowIm[8], highRe[8], highIm[8];
-    // Element 0: a zero phase (scaledSin is finite here).
-    lowIm[0] = highIm[0] = -(scaledSin * 0.0);
-    lowRe[0] = highRe[0] = 1.0;
-    for (int32_t l = 1; l < 8; ++l) {
-        lowRe[l] = cosine[l - 1];
-        lowIm[l] = sine[l - 1];
-        highRe[l] = cosine[l + 7];
-        highIm[l] = sine[l + 7];
-    }
-    // Four elements at a time: the same double products, rounded to single
-    // precision, and the test of the rounding (element 0 takes no sine or
-    // cosine: its weight is exact on both routes, its imaginary part a zero).
+// One row from the phasors of elements l and 8h: the double products of
+// steeringRow rounded to single precision, four elements at a time. Returns
+// nonzero when a weight lies too near a rounding boundary (element 0 takes
+// no sine or cosine: its weight is exact on both routes, its imaginary part
+// a zero).
+KVANE_AVX2_INLINE int roundedRow(cfloat* row, const double* lowRe, const double* lowIm,
+                                 const double* highRe, const double* highIm) {
     const __m256d margin = _mm256_set1_pd(kRoundingMargin);
     int unsafe = 0;
     for (int32_t h = 0; h < 8; ++h) {
@@ -210,15 +190,85 @@ KVANE_AVX2 void steeringRowAvx2(cfloat* row, double angleDegrees, double offsetD
             unsafe |= c == 0 ? differ & ~1 : differ;
         }
     }
-    if (unsafe != 0) steeringRow(row, angleDegrees, offsetDegrees, phaseScale);
+    return unsafe;
 }
 
-// The row by the faster route where the processor has it.
-void steeringRowFast(cfloat* row, double angleDegrees, double offsetDegrees, double phaseScale) {
-    if (cpuHasAvx2())
-        steeringRowAvx2(row, angleDegrees, offsetDegrees, phaseScale);
-    else
-        steeringRow(row, angleDegrees, offsetDegrees, phaseScale);
+// Rows first .. first + count - 1 of a steering matrix (64 weights each) for
+// the given angles (degrees, one per row), turned by offsetDegrees.
+KVANE_AVX2 void steeringRowsAvx2(cfloat* rows, const double* angles, int32_t count,
+                                 double offsetDegrees, double phaseScale) {
+    int32_t b = 0;
+    for (; b + 4 <= count; b += 4) {
+        // Lanes 0..3 the phases of element 1 of the four rows, lanes 4..7
+        // those of element 8.
+        alignas(32) double scaled[4], phase[8], sine[8], cosine[8];
+        bool usable = true;
+        for (int32_t k = 0; k < 4; ++k) {
+            const double angle =
+                offsetDegrees == 0.0 ? angles[b + k] : angles[b + k] + offsetDegrees;
+            scaled[k] = std::sin(angle * (1.0 / kDegreesPerRadian)) * phaseScale;
+            usable = usable && std::fabs(scaled[k]) * 56.0 <= kLargestFastPhase;
+            phase[k] = -(scaled[k] * 1.0);
+            phase[4 + k] = -(scaled[k] * 8.0);
+        }
+        if (!usable) {
+            for (int32_t k = 0; k < 4; ++k)
+                steeringRow(rows + static_cast<int64_t>(b + k) * kChannels, angles[b + k],
+                            offsetDegrees, phaseScale);
+            continue;
+        }
+        sinCosVectors<2>(phase, sine, cosine);
+        // Powers 0..7 of the phasors of elements 1 and 8, lane by lane.
+        alignas(32) double lowRe[8][4], lowIm[8][4], highRe[8][4], highIm[8][4];
+        const __m256d zeroPhase = _mm256_xor_pd(_mm256_mul_pd(_mm256_load_pd(scaled), _mm256_setzero_pd()),
+                                                _mm256_set1_pd(-0.0));
+        const __m256d oneRe = _mm256_load_pd(cosine), oneIm = _mm256_load_pd(sine);
+        const __m256d eightRe = _mm256_load_pd(cosine + 4), eightIm = _mm256_load_pd(sine + 4);
+        __m256d lr = _mm256_set1_pd(1.0), li = zeroPhase, hr = lr, hi = zeroPhase;
+        _mm256_store_pd(lowRe[0], lr);
+        _mm256_store_pd(lowIm[0], li);
+        _mm256_store_pd(highRe[0], hr);
+        _mm256_store_pd(highIm[0], hi);
+        lr = oneRe, li = oneIm, hr = eightRe, hi = eightIm;
+        for (int32_t p = 1; p < 8; ++p) {
+            _mm256_store_pd(lowRe[p], lr);
+            _mm256_store_pd(lowIm[p], li);
+            _mm256_store_pd(highRe[p], hr);
+            _mm256_store_pd(highIm[p], hi);
+            const __m256d nlr = _mm256_sub_pd(_mm256_mul_pd(lr, oneRe), _mm256_mul_pd(li, oneIm));
+            const __m256d nli = _mm256_add_pd(_mm256_mul_pd(lr, oneIm), _mm256_mul_pd(li, oneRe));
+            const __m256d nhr = _mm256_sub_pd(_mm256_mul_pd(hr, eightRe), _mm256_mul_pd(hi, eightIm));
+            const __m256d nhi = _mm256_add_pd(_mm256_mul_pd(hr, eightIm), _mm256_mul_pd(hi, eightRe));
+            lr = nlr, li = nli, hr = nhr, hi = nhi;
+        }
+        for (int32_t k = 0; k < 4; ++k) {
+            double rowLowRe[8], rowLowIm[8], rowHighRe[8], rowHighIm[8];
+            for (int32_t p = 0; p < 8; ++p) {
+                rowLowRe[p] = lowRe[p][k];
+                rowLowIm[p] = lowIm[p][k];
+                rowHighRe[p] = highRe[p][k];
+                rowHighIm[p] = highIm[p][k];
+            }
+            cfloat* row = rows + static_cast<int64_t>(b + k) * kChannels;
+            if (roundedRow(row, rowLowRe, rowLowIm, rowHighRe, rowHighIm) != 0)
+                steeringRow(row, angles[b + k], offsetDegrees, phaseScale);
+        }
+    }
+    for (; b < count; ++b)
+        steeringRow(rows + static_cast<int64_t>(b) * kChannels, angles[b], offsetDegrees,
+                    phaseScale);
+}
+
+// Rows of the steering matrix by the faster route where the processor has it.
+void steeringRows(cfloat* rows, const double* angles, int32_t count, double offsetDegrees,
+                  double phaseScale) {
+    if (cpuHasAvx2()) {
+        steeringRowsAvx2(rows, angles, count, offsetDegrees, phaseScale);
+        return;
+    }
+    for (int32_t b = 0; b < count; ++b)
+        steeringRow(rows + static_cast<int64_t>(b) * kChannels, angles[b], offsetDegrees,
+                    phaseScale);
 }
 
 }  // namespace
@@ -226,10 +276,15 @@ void steeringRowFast(cfloat* row, double angleDegrees, double offsetDegrees, dou
 void formSteeringMatrix(cfloat* steerMatrix, const double* beamAnglesDouble, int32_t beamCount,
                         double offsetDegrees, float soundSpeed) {
     const double phaseScale = kPhaseConstant / static_cast<double>(soundSpeed);
+    // Groups of 16 rows shared by the team.
+    const int32_t groups = (beamCount + 15) / 16;
 #pragma omp parallel for num_threads(teamSize()) schedule(static)
-    for (int32_t b = 0; b < beamCount; ++b)
-        steeringRowFast(steerMatrix + static_cast<int64_t>(b) * kChannels, beamAnglesDouble[b],
-                        offsetDegrees, phaseScale);
+    for (int32_t g = 0; g < groups; ++g) {
+        const int32_t first = 16 * g;
+        steeringRows(steerMatrix + static_cast<int64_t>(first) * kChannels,
+                     beamAnglesDouble + first, std::min(16, beamCount - first), offsetDegrees,
+                     phaseScale);
+    }
 }
 
 namespace {
@@ -366,10 +421,12 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
             int team = 1;
 #pragma omp parallel num_threads(teamSize())
             {
+                // Groups of 16 rows of the steering matrix shared by the team.
 #pragma omp for schedule(static)
-                for (int32_t b = 0; b < B; ++b)
-                    steeringRowFast(io->steerMatrix + static_cast<int64_t>(b) * kChannels,
-                                    beamAnglesDouble[b], 0.0, phaseScale);
+                for (int32_t g = 0; g < (B + 15) / 16; ++g)
+                    steeringRows(io->steerMatrix + static_cast<int64_t>(16 * g) * kChannels,
+                                 beamAnglesDouble + 16 * g, std::min(16, B - 16 * g), 0.0,
+                                 phaseScale);
                 const int thread = omp_get_thread_num();
                 cfloat* own = beamBlockOf(io->formedBeamIq, thread);
                 TeamShareClock clock;
@@ -446,9 +503,7 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
             const int32_t start = s * kSegmentLength;
             const int32_t len = n - start < kSegmentLength ? n - start : kSegmentLength;
             const double roll = static_cast<double>(segmentRollLocal[s]);
-            for (int32_t b = 0; b < B; ++b)
-                steeringRowFast(steer + static_cast<int64_t>(b) * kChannels,
-                                beamAnglesDouble[b], roll, phaseScale);
+            steeringRows(steer, beamAnglesDouble, B, roll, phaseScale);
             const float one[2] = {1.0f, 0.0f};
             const float zero[2] = {0.0f, 0.0f};
             if (image) {
