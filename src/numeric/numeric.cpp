@@ -186,8 +186,27 @@ KVANE_LOOP_BODY void windowSums(float* o, const float* base, int count, int step
     for (int k = 0; k < positions; ++k)
         for (int i = 0; i < count; ++i) o[i] += base[i * step + k];
 }
+// The same for a step of 2, eight outputs at a time: the inputs of one
+// window position for eight outputs are every other float of sixteen, taken
+// out of two loads. The vector part stops where its loads would reach past
+// the last input the sums read.
 KVANE_AVX2 void windowSumsAvx2(float* o, const float* base, int count, int step, int positions) {
-    windowSums(o, base, count, step, positions);
+    if (step != 2) {
+        windowSums(o, base, count, step, positions);
+        return;
+    }
+    int i = 0;
+    for (; i + 9 <= count; i += 8) {
+        __m256 sum = _mm256_setzero_ps();
+        for (int k = 0; k < positions; ++k) {
+            const float* p = base + 2 * i + k;
+            const __m256 pairs = _mm256_shuffle_ps(_mm256_loadu_ps(p), _mm256_loadu_ps(p + 8), 0x88);
+            const __m256 every = _mm256_castpd_ps(_mm256_permute4x64_pd(_mm256_castps_pd(pairs), 0xd8));
+            sum = _mm256_add_ps(sum, every);
+        }
+        _mm256_storeu_ps(o + i, sum);
+    }
+    windowSums(o + i, base + 2 * i, count - i, step, positions);
 }
 
 }  // namespace
