@@ -184,6 +184,67 @@ TEST(DecimatedMovingAverage, MeansOfCentredWindowsEndsRepeated) {
         }
 }
 
+// The double sums of the detection's means against the plain ordered sum,
+// bit for bit: narrow and wide ranges of magnitude (the second making the
+// additions round), signs, zeros, denormals, infinities and NaN, odd
+// lengths. And the square roots with their lowest value against an ordered
+// pass, a NaN first and later included.
+TEST(OrderedSum, SameBitsAsTheOrderedPass) {
+    std::mt19937 rng(21);
+    std::uniform_real_distribution<float> unit(0.0f, 1.0f);
+    auto ordered = [](const std::vector<float>& x) {
+        double s = 0.0;
+        for (float v : x) s += v;
+        return s;
+    };
+    auto bitsOf = [](double d) {
+        uint64_t u;
+        std::memcpy(&u, &d, sizeof u);
+        return u;
+    };
+    for (int n : {1, 15, 16, 17, 100, 1001, 8000})
+        for (int kind = 0; kind < 8; ++kind) {
+            std::vector<float> x(n);
+            for (int i = 0; i < n; ++i) {
+                const float u = unit(rng);
+                switch (kind) {
+                    case 0: x[i] = 1.0f + 3e4f * u; break;                             // envelope-like
+                    case 1: x[i] = std::ldexp(u, static_cast<int>(rng() % 60) - 30); break;  // wide range
+                    case 2: x[i] = (u - 0.5f) * 2.0f; break;                           // signs
+                    case 3: x[i] = i % 3 == 0 ? 0.0f : 7.0f * u; break;                // zeros
+                    case 4: x[i] = i == n / 2 ? 1e-40f : u; break;                     // a denormal
+                    case 5: x[i] = i == n - 1 ? INFINITY : u; break;
+                    case 6: x[i] = std::ldexp(u, static_cast<int>(rng() % 24) - 12); break;
+                    default: x[i] = i == n / 3 ? NAN : u; break;
+                }
+            }
+            const double fast = kvane::orderedSum(x.data(), n);
+            const double plain = ordered(x);
+            if (plain != plain)
+                EXPECT_NE(fast, fast) << n << " " << kind;
+            else
+                EXPECT_EQ(bitsOf(fast), bitsOf(plain)) << n << " " << kind;
+        }
+    for (int n : {1, 7, 8, 9, 100})
+        for (int nanAt : {-1, 0, 3}) {
+            std::vector<float> x(n);
+            for (float& v : x) v = 1.0f + 100.0f * unit(rng);
+            if (nanAt >= 0 && nanAt < n) x[nanAt] = NAN;
+            std::vector<float> roots = x;
+            const float lowest = kvane::squareRootsLowest(roots.data(), n);
+            float expected = std::sqrt(x[0]);
+            for (int i = 0; i < n; ++i) {
+                const float r = std::sqrt(x[i]);
+                ASSERT_TRUE(roots[i] == r || (r != r && roots[i] != roots[i]));
+                expected = r < expected ? r : expected;
+            }
+            if (expected != expected)
+                EXPECT_NE(lowest, lowest);
+            else
+                EXPECT_EQ(lowest, expected) << n << " " << nanAt;
+        }
+}
+
 // The detection's own route to the least-squares solution against the
 // library's solver: the same numbers, bit for bit, on the fits a gate makes
 // (rows k^2, k, 1, weighted), on systems the solver scales (tiny or huge

@@ -244,14 +244,8 @@ void detectInGate(GateDetection* result, float* envelopeWork, const cfloat* iqWo
     // pass; the integral is made again over ones when the total is zero.
     // (The envelope's deviation in the gate feeds nothing and is not taken.)
     float* e = envelopeWork + g0;
-    double levelSum = 0.0;
-    float lowest = 0.0f;
-    for (int i = 0; i < n; ++i) {
-        levelSum += e[i];
-        const float root = std::sqrt(e[i]);
-        e[i] = root;
-        lowest = i == 0 || root < lowest ? root : lowest;
-    }
+    const double levelSum = orderedSum(e, n);
+    const float lowest = squareRootsLowest(e, n);
     result->meanLevel = static_cast<float>(levelSum / n);
     result->amplitudeQuality = std::log10(
         ((static_cast<float>(firstSample) + 0.5f * static_cast<float>(g0 + g1)) /

@@ -418,17 +418,182 @@ void magnitude(float* out, const cfloat* in, int n) {
         magnitudeLoop(out, in, n);
 }
 
-float mean(const float* x, int n) {
+namespace {
+
+// The double sum of n floats in any order, with what decides whether that
+// sum is exact: the largest magnitude and the smallest exponent field of the
+// nonzero values (255 when there are none; 0 for denormals, which are left
+// to the ordered sum), and whether an infinity or NaN is among them.
+struct SumWithBounds {
+    double sum;
+    float largest;
+    int smallestExponent;
+    bool special;
+};
+KVANE_LOOP_BODY SumWithBounds sumWithBounds(const float* x, int n) {
+    double lane[8] = {};
+    float largest[8] = {};
+    int smallest[8] = {255, 255, 255, 255, 255, 255, 255, 255};
+    int special[8] = {};
+    int i = 0;
+    for (; i + 8 <= n; i += 8)
+        for (int k = 0; k < 8; ++k) {
+            const float v = x[i + k];
+            uint32_t bits;
+            std::memcpy(&bits, &v, sizeof bits);
+            const int exponent = static_cast<int>((bits >> 23) & 0xffu);
+            const float magnitude = std::fabs(v);
+            lane[k] += static_cast<double>(v);
+            largest[k] = magnitude > largest[k] ? magnitude : largest[k];
+            const int e = (bits & 0x7fffffffu) == 0 ? 255 : exponent;
+            smallest[k] = e < smallest[k] ? e : smallest[k];
+            special[k] |= static_cast<int>(exponent == 255);
+        }
+    for (; i < n; ++i) {
+        const float v = x[i];
+        uint32_t bits;
+        std::memcpy(&bits, &v, sizeof bits);
+        lane[0] += static_cast<double>(v);
+        largest[0] = std::fabs(v) > largest[0] ? std::fabs(v) : largest[0];
+        const int exponent = static_cast<int>((bits >> 23) & 0xffu);
+        const int e = (bits & 0x7fffffffu) == 0 ? 255 : exponent;
+        smallest[0] = e < smallest[0] ? e : smallest[0];
+        special[0] |= static_cast<int>(exponent == 255);
+    }
+    SumWithBounds r{0.0, 0.0f, 255, false};
+    for (int k = 0; k < 8; ++k) {
+        r.special = r.special || special[k] != 0;
+        r.sum += lane[k];
+        r.largest = largest[k] > r.largest ? largest[k] : r.largest;
+        r.smallestExponent = smallest[k] < r.smallestExponent ? smallest[k] : r.smallestExponent;
+    }
+    return r;
+}
+KVANE_AVX2 SumWithBounds sumWithBoundsAvx2(const float* x, int n) {
+    const __m256i magnitudeBits = _mm256_set1_epi32(0x7fffffff);
+    const __m256i exponentMask = _mm256_set1_epi32(0xff);
+    const __m256i none = _mm256_set1_epi32(255);
+    __m256d low = _mm256_setzero_pd(), high = _mm256_setzero_pd();
+    __m256 largest = _mm256_setzero_ps();
+    __m256i smallest = none, special = _mm256_setzero_si256();
+    int i = 0;
+    for (; i + 8 <= n; i += 8) {
+        const __m256 v = _mm256_loadu_ps(x + i);
+        low = _mm256_add_pd(low, _mm256_cvtps_pd(_mm256_castps256_ps128(v)));
+        high = _mm256_add_pd(high, _mm256_cvtps_pd(_mm256_extractf128_ps(v, 1)));
+        const __m256i bits = _mm256_and_si256(_mm256_castps_si256(v), magnitudeBits);
+        largest = _mm256_max_ps(largest, _mm256_castsi256_ps(bits));
+        const __m256i exponent = _mm256_and_si256(_mm256_srli_epi32(bits, 23), exponentMask);
+        const __m256i zero = _mm256_cmpeq_epi32(bits, _mm256_setzero_si256());
+        smallest = _mm256_min_epi32(smallest, _mm256_blendv_epi8(exponent, none, zero));
+        special = _mm256_or_si256(special, _mm256_cmpeq_epi32(exponent, none));
+    }
+    alignas(32) double lanes[8];
+    alignas(32) float large[8];
+    alignas(32) int32_t small[8], odd[8];
+    _mm256_store_pd(lanes, low);
+    _mm256_store_pd(lanes + 4, high);
+    _mm256_store_ps(large, largest);
+    _mm256_store_si256(reinterpret_cast<__m256i*>(small), smallest);
+    _mm256_store_si256(reinterpret_cast<__m256i*>(odd), special);
+    SumWithBounds r{0.0, 0.0f, 255, false};
+    for (int k = 0; k < 8; ++k) {
+        r.sum += lanes[k];
+        r.largest = large[k] > r.largest ? large[k] : r.largest;
+        r.smallestExponent = small[k] < r.smallestExponent ? small[k] : r.smallestExponent;
+        r.special = r.special || odd[k] != 0;
+    }
+    if (i < n) {
+        const SumWithBounds rest = sumWithBounds(x + i, n - i);
+        r.sum += rest.sum;
+        r.largest = rest.largest > r.largest ? rest.largest : r.largest;
+        r.smallestExponent = std::min(r.smallestExponent, rest.smallestExponent);
+        r.special = r.special || rest.special;
+    }
+    return r;
+}
+
+// Square roots in place and the lowest of them, eight lanes: each lane keeps
+// the first of its smallest roots (x < lane ? x : lane, which passes over a
+// NaN), all starting from the first root, so that the lowest over the lanes
+// is the one an ordered pass finds.
+KVANE_LOOP_BODY float rootsLowest(float* x, int n) {
+    float lane[8];
+    for (int k = 0; k < 8; ++k) lane[k] = std::sqrt(x[0]);
+    int i = 0;
+    for (; i + 8 <= n; i += 8)
+        for (int k = 0; k < 8; ++k) {
+            const float root = std::sqrt(x[i + k]);
+            x[i + k] = root;
+            lane[k] = root < lane[k] ? root : lane[k];
+        }
+    for (; i < n; ++i) {
+        const float root = std::sqrt(x[i]);
+        x[i] = root;
+        lane[0] = root < lane[0] ? root : lane[0];
+    }
+    float lowest = lane[0];
+    for (int k = 1; k < 8; ++k) lowest = lane[k] < lowest ? lane[k] : lowest;
+    return lowest;
+}
+KVANE_AVX2 float rootsLowestAvx2(float* x, int n) {
+    __m256 lane = _mm256_set1_ps(std::sqrt(x[0]));
+    int i = 0;
+    for (; i + 8 <= n; i += 8) {
+        const __m256 root = _mm256_sqrt_ps(_mm256_loadu_ps(x + i));
+        _mm256_storeu_ps(x + i, root);
+        lane = _mm256_min_ps(root, lane);  // root < lane ? root : lane
+    }
+    alignas(32) float lanes[8];
+    _mm256_store_ps(lanes, lane);
+    for (; i < n; ++i) {
+        const float root = std::sqrt(x[i]);
+        x[i] = root;
+        lanes[0] = root < lanes[0] ? root : lanes[0];
+    }
+    float lowest = lanes[0];
+    for (int k = 1; k < 8; ++k) lowest = lanes[k] < lowest ? lanes[k] : lowest;
+    return lowest;
+}
+
+}  // namespace
+
+float squareRootsLowest(float* x, int n) {
     if (n < 1) return 0.0f;
+    return cpuHasAvx2() ? rootsLowestAvx2(x, n) : rootsLowest(x, n);
+}
+
+double orderedSum(const float* x, int n) {
+    if (n < 1) return 0.0;
+    // Every float is a whole multiple of 2^q, q the exponent of the unit in
+    // the last place of the smallest nonzero one, so every partial sum, in
+    // any order, is one too, and no larger than n times the largest
+    // magnitude. Below 2^(q + 53) all of them are doubles: no addition
+    // rounds, and any order gives the exact sum, which is the ordered one.
+    // Otherwise (and for denormals, infinities and NaN) the ordered sum.
+    if (n >= 16) {
+        const SumWithBounds b = cpuHasAvx2() ? sumWithBoundsAvx2(x, n) : sumWithBounds(x, n);
+        if (!b.special && b.smallestExponent == 255) return b.sum;  // zeros alone
+        if (!b.special && b.smallestExponent >= 1) {
+            // A factor of two to spare for the rounding of the bound itself.
+            const int q = b.smallestExponent - 127 - 23;
+            if (static_cast<double>(n) * static_cast<double>(b.largest) < std::ldexp(1.0, q + 52))
+                return b.sum;
+        }
+    }
     double s = 0.0;
     for (int i = 0; i < n; ++i) s += x[i];
-    return static_cast<float>(s / n);
+    return s;
+}
+
+float mean(const float* x, int n) {
+    if (n < 1) return 0.0f;
+    return static_cast<float>(orderedSum(x, n) / n);
 }
 
 float stdDev(const float* x, int n) {
     if (n < 2) return 0.0f;
-    double s = 0.0;
-    for (int i = 0; i < n; ++i) s += x[i];
+    const double s = orderedSum(x, n);
     const double m = s / n;
     double q = 0.0;
     for (int i = 0; i < n; ++i) q += (x[i] - m) * (x[i] - m);

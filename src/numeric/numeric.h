@@ -98,6 +98,14 @@ void arcTangent2(float* out, const float* y, const float* x, int n);
 // The same, one value at a time (the reference of the vector form).
 float arcTangent2(float y, float x);
 
+// The sum of n floats in double precision, added in index order from 0.0
+// (the same double, bit for bit, taken faster where no addition rounds).
+double orderedSum(const float* x, int n);
+
+// x[i] = sqrt(x[i]) for n floats; returns the lowest root as an ordered
+// pass finds it (the first root, then each later one that is smaller).
+float squareRootsLowest(float* x, int n);
+
 // Mean of n floats, accumulated in double precision, rounded to float.
 float mean(const float* x, int n);
 // Sample standard deviation (divisor n - 1), accumulated in double.
