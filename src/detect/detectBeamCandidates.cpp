@@ -330,7 +330,14 @@ void detectBeamCandidates(const BottomDetectArgs* args, EchoCandidate* const* ca
             cost[b] += std::max(last - first + 1, 0) + kGateFixedCost;
         }
     }
-    std::stable_sort(order, order + beamCount, [&cost](int a, int b) { return cost[a] > cost[b]; });
+    // Costliest first, equal costs in beam order (an insertion sort: no
+    // library sort's instantiations end up among the library's symbols).
+    for (int j = 1; j < beamCount; ++j) {
+        const int beam = order[j];
+        int k = j;
+        for (; k > 0 && cost[order[k - 1]] < cost[beam]; --k) order[k] = order[k - 1];
+        order[k] = beam;
+    }
 #pragma omp parallel for num_threads(team) schedule(static, 1)
     for (int j = 0; j < beamCount; ++j)
         measureBeamGates(plan, order[j], lineSet(args->work, omp_get_thread_num()), gates[order[j]]);
