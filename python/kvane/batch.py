@@ -226,7 +226,7 @@ def _shown(key, value):
     if key in ("roll_from_aux", "beam_image"):
         return f"--{key.replace('_', '-')} {'on' if value else 'off'}"
     if isinstance(value, float):
-        value = np.float32(value)
+        value = str(np.float32(value))  # the shortest text that gives the block's float back
     return f"{key.replace('param_', '')} {value}"
 
 
