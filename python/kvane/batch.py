@@ -259,7 +259,6 @@ def different_setting(store, wanted):
 class Outcome(typing.NamedTuple):
     path: str
     pings: int
-    seconds: float
     problem: typing.Optional[str]  # None when the outputs were written, else what went wrong
 
 
@@ -284,13 +283,12 @@ def process_one(path, outdir, params_block, roll_from_aux, beam_image):
     from .products import process_recording, write_soundings_csv
 
     name = os.path.basename(path)
-    started = time.perf_counter()
     with _ONE_AT_A_TIME:
         try:
             ds = process_recording(path, _params_from_bytes(params_block), roll_from_aux=roll_from_aux,
                                    beam_image=beam_image, progress=False)
         except (RecordingError, OSError) as error:
-            return Outcome(path, 0, time.perf_counter() - started, describe_failure(path, error))
+            return Outcome(path, 0, describe_failure(path, error))
         store, soundings = output_paths(outdir, name)
         remove_leftovers(outdir, name)  # of an earlier attempt whose worker died
         token = uuid.uuid4().hex[:12]
@@ -306,7 +304,7 @@ def process_one(path, outdir, params_block, roll_from_aux, beam_image):
             _remove(temporary_store)
             _remove(temporary_soundings)
             raise
-        return Outcome(path, int(ds.sizes["ping_time"]), time.perf_counter() - started, None)
+        return Outcome(path, int(ds.sizes["ping_time"]), None)
 
 
 def _ignore_interrupts():
