@@ -21,12 +21,11 @@ DONE = re.compile(r"done: (\d+) recordings, (\d+) pings, (\d+) failed, [0-9.]+ p
 
 
 @pytest.fixture(scope="module")
-def recordings(tool, tmp_path_factory):
+def recordings(simulated, tmp_path_factory):
     folder = tmp_path_factory.mktemp("recordings")
     shapes = [["--depth", "20"], ["--depth", "15", "--roll-amplitude", "3"], ["--depth", "25", "--slope", "10"]]
     for seed, (name, shape) in enumerate(zip(GOOD, shapes), 1):
-        subprocess.run([str(tool("kvane-simulate")), "--out", str(folder / name), "--pings", "3", "--samples",
-                        "1200", "--seed", str(seed), *shape], check=True, capture_output=True)
+        simulated(folder / name, "--pings", 3, "--samples", 1200, "--seed", seed, *shape)
     whole = (folder / GOOD[0]).read_bytes()
     (folder / "cut.kvr").write_bytes(whole[: len(whole) // 2])  # ends inside the second record
     return folder
