@@ -4,6 +4,7 @@ with tools/. Without numpy the run exits with 77, which CTest counts as skipped.
 import importlib
 import os
 import pathlib
+import subprocess
 import sys
 
 import pytest
@@ -51,6 +52,19 @@ def tool():
         return path
 
     return find
+
+
+@pytest.fixture(scope="session")
+def simulated(tool):
+    """simulated(path, *options): writes a recording of simulated pings with
+    kvane-simulate (options as on its command line) and returns path."""
+
+    def make(path, *options):
+        subprocess.run([str(tool("kvane-simulate")), "--out", str(path), *map(str, options)], check=True,
+                       capture_output=True)
+        return path
+
+    return make
 
 
 # Files the tests keep for people to look at (screenshots), listed at the end.

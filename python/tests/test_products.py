@@ -14,16 +14,9 @@ DEPTH = 20.0
 
 
 @pytest.fixture(scope="module")
-def simulate(tool, tmp_path_factory):
+def simulate(simulated, tmp_path_factory):
     folder = tmp_path_factory.mktemp("products")
-
-    def make(name, *options):
-        path = folder / name
-        subprocess.run([str(tool("kvane-simulate")), "--out", str(path), "--depth", str(DEPTH), *options],
-                       check=True, capture_output=True)
-        return path
-
-    return make
+    return lambda name, *options: simulated(folder / name, "--depth", DEPTH, *options)
 
 
 @pytest.fixture(scope="module")

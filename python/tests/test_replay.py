@@ -38,11 +38,9 @@ def read_lines(path):
 
 
 @pytest.fixture(scope="module")
-def recording(tool, tmp_path_factory):
-    path = tmp_path_factory.mktemp("replay") / "sim.rec"
-    subprocess.run([str(tool("kvane-simulate")), "--out", str(path), "--pings", "3", "--samples", "2000",
-                    "--depth", "20", "--roll-amplitude", "3"], check=True, capture_output=True)
-    return path
+def recording(simulated, tmp_path_factory):
+    return simulated(tmp_path_factory.mktemp("replay") / "sim.rec", "--pings", 3, "--samples", 2000, "--depth", 20,
+                     "--roll-amplitude", 3)
 
 
 @pytest.mark.parametrize(

@@ -5,7 +5,6 @@ xarray, amplitudes and soundings read back equal to the data set."""
 import datetime
 import os
 import re
-import subprocess
 
 import numpy as np
 import pytest
@@ -18,11 +17,8 @@ GROUPS = ("Annotation", "Environment", "Platform", "Provenance", "Sonar",
 
 
 @pytest.fixture(scope="module")
-def recording(tool, tmp_path_factory):
-    path = tmp_path_factory.mktemp("sonar") / "flat.kvr"
-    subprocess.run([str(tool("kvane-simulate")), "--out", str(path), "--pings", "3", "--samples", "1500",
-                    "--depth", "20"], check=True, capture_output=True)
-    return path
+def recording(simulated, tmp_path_factory):
+    return simulated(tmp_path_factory.mktemp("sonar") / "flat.kvr", "--pings", 3, "--samples", 1500, "--depth", 20)
 
 
 @pytest.fixture(scope="module")

@@ -1,7 +1,6 @@
 """The uncertainty of every sounding against the simulator's truth: at every
 signal-to-noise ratio the errors must spread as the predicted sigma says."""
 
-import subprocess
 
 import numpy as np
 import pytest
@@ -14,7 +13,7 @@ DEPTH = 20.0
 
 
 @pytest.fixture(scope="module")
-def surveys(tool, tmp_path_factory, library):
+def surveys(simulated, tmp_path_factory, library):
     """Flat and 15-degree seabeds at 20 m, each at three signal-to-noise
     ratios, with the survey's own contributions at 0 (the simulator knows its
     sound speed and roll exactly)."""
@@ -23,9 +22,8 @@ def surveys(tool, tmp_path_factory, library):
     for snr in SNRS:
         for slope in (0, 15):
             path = folder / f"s{snr}_{slope}.kvr"
-            subprocess.run([str(tool("kvane-simulate")), "--out", str(path), "--depth", str(DEPTH), "--slope",
-                            str(slope), "--snr", str(snr), "--pings", "6", "--samples", "2400",
-                            "--seed", str(100 + snr + slope)], check=True, capture_output=True)
+            simulated(path, "--depth", DEPTH, "--slope", slope, "--snr", snr, "--pings", 6, "--samples", 2400,
+                      "--seed", 100 + snr + slope)
             truth = np.loadtxt(f"{path}.truth.csv", delimiter=",", skiprows=1)
             ds = kvane.process_recording(path, sound_speed_sigma=0.0, roll_sigma=0.0, progress=False)
             out[snr, slope] = ds, truth[:, 1], path

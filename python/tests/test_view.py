@@ -90,11 +90,8 @@ def records_of(path):
 
 
 @pytest.fixture(scope="module")
-def recording(tool, tmp_path_factory):
-    path = tmp_path_factory.mktemp("view") / "short.kvr"
-    subprocess.run([str(tool("kvane-simulate")), "--out", str(path), "--pings", "5", "--samples", "1500",
-                    "--depth", "15"], check=True, capture_output=True)
-    return path
+def recording(simulated, tmp_path_factory):
+    return simulated(tmp_path_factory.mktemp("view") / "short.kvr", "--pings", 5, "--samples", 1500, "--depth", 15)
 
 
 def artefact_dir():
