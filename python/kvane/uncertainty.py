@@ -87,6 +87,7 @@ _PEAK_REACH = 8
 _EDGE_DROP = 25.0
 _NOISE_MARGIN = 4.0
 _MAX_REACH = 400
+_FIRST_REACH = 48  # the first, short walk of echo_windows
 _NOISE_SAMPLES = 64  # water-column samples per beam for the noise estimate
 
 # Method classes.
@@ -156,37 +157,56 @@ def echo_windows(image, bottom_sample, noise):
     if rows.size == 0 or n == 0:
         return length, snr
     index = np.clip(bottom[rows].astype(np.int64) - 1, 0, n - 1)
-    # Each beam's neighbourhood of the bottom, zero power outside the beam.
-    reach = _MAX_REACH + _SMOOTH_HALF
+    # Most echoes end within a few dozen samples: walk a short neighbourhood
+    # first and only the beams whose echo reaches its end again over the
+    # full one. Every value depends only on the samples it covers, so both
+    # walks give the same numbers.
+    first, last, window = _echo_walk(image, rows, index, noise, _FIRST_REACH)
+    again = (first <= 0) | (last >= 2 * _FIRST_REACH)
+    if again.any():
+        first[again], last[again], window[again] = _echo_walk(image, rows[again], index[again], noise, _MAX_REACH)
+    count = last - first + 1
+    length[rows] = count
+    with np.errstate(invalid="ignore", divide="ignore"):
+        snr[rows] = np.maximum(window / count / noise - 1.0, 0.01) if noise > 0 else 1e6
+    return length, snr
+
+
+def _echo_walk(image, rows, index, noise, max_reach):
+    """The echo window of the given beams around image sample index, walked
+    at most max_reach samples each way: its first and last offsets (counted
+    from -max_reach) and its total power, summed in sample order."""
+    n = image.shape[1]
+    reach = max_reach + _SMOOTH_HALF
     offsets = np.arange(-reach, reach + 1)
     position = index[:, None] + offsets
     inside = (position >= 0) & (position < n)
     power = np.where(inside, np.square(image[rows[:, None], np.clip(position, 0, n - 1)].astype(np.float64)), 0.0)
     counts = inside.astype(np.float64)
-    width = power.shape[1] - 2 * _SMOOTH_HALF  # smoothed at offsets -_MAX_REACH .. _MAX_REACH
+    width = power.shape[1] - 2 * _SMOOTH_HALF  # smoothed at offsets -max_reach .. max_reach
     total, count = power[:, :width].copy(), counts[:, :width].copy()
     for k in range(1, 2 * _SMOOTH_HALF + 1):  # sums in sample order
         total += power[:, k: k + width]
         count += counts[:, k: k + width]
     with np.errstate(invalid="ignore", divide="ignore"):
         smoothed = total / count  # NaN outside the beam
-    centre = _MAX_REACH
+    centre = max_reach
     peak = np.nanmax(smoothed[:, centre - _PEAK_REACH: centre + _PEAK_REACH + 1], axis=1)
     edge = np.maximum(peak / _EDGE_DROP, _NOISE_MARGIN * noise)
     above = smoothed > edge[:, None]  # NaN compares false: the beam's ends stop the walk
     left = above[:, centre - 1::-1]
     right = above[:, centre + 1:]
-    steps_left = np.where(left.all(axis=1), _MAX_REACH, np.argmin(left, axis=1))
-    steps_right = np.where(right.all(axis=1), _MAX_REACH, np.argmin(right, axis=1))
-    cumulative = np.cumsum(power, axis=1)
-    first = reach - steps_left   # indices into the neighbourhood
-    last = reach + steps_right
-    picked = np.arange(rows.size)
-    window = cumulative[picked, last] - np.where(first > 0, cumulative[picked, first - 1], 0.0)
-    length[rows] = last - first + 1
-    with np.errstate(invalid="ignore", divide="ignore"):
-        snr[rows] = np.maximum(window / (last - first + 1) / noise - 1.0, 0.01) if noise > 0 else 1e6
-    return length, snr
+    steps_left = np.where(left.all(axis=1), max_reach, np.argmin(left, axis=1))
+    steps_right = np.where(right.all(axis=1), max_reach, np.argmin(right, axis=1))
+    first = max_reach - steps_left  # offsets into the smoothed row
+    last = max_reach + steps_right
+    # The window's power in sample order: a running sum over the row with
+    # zeros outside the window (adding zero leaves a sum as it is).
+    picked = np.arange(width)[None, :]
+    inside_window = (picked >= first[:, None]) & (picked <= last[:, None])
+    sample_power = power[:, _SMOOTH_HALF: _SMOOTH_HALF + width]
+    window = np.cumsum(np.where(inside_window, sample_power, 0.0), axis=1)[:, -1]
+    return first, last, window
 
 
 def detection_method(angle_deg, echo_samples):

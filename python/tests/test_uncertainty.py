@@ -104,3 +104,27 @@ def test_survey_contributions_propagate(surveys):
 def test_iho_orders_follow_their_limits(depth, sigma, order):
     code = uncertainty.iho_order(np.array([depth]), np.array([sigma]))[0]
     assert uncertainty.IHO_NAMES[int(code)] == order
+
+
+def test_echo_window_short_long_and_at_the_beams_ends():
+    """Echoes of 6, 150 and 1000 samples (the last cut at 400 each way), one
+    at the start of its beam, one at the end: each window is where the
+    smoothed power crosses the edge, whatever the length of the first walk."""
+    rng = np.random.default_rng(7)
+    n = 3000
+    image = rng.rayleigh(1.0, (5, n)).astype(np.float32)
+    bottom = np.array([1000, 1000, 1500, 3, n - 2], np.float32)
+    for beam, (start, stop) in enumerate([(997, 1003), (940, 1090), (1000, 2000), (0, 6), (n - 6, n)]):
+        image[beam, start:stop] = 100.0
+    noise = 1.0 / np.log(2.0) * np.median(np.square(rng.rayleigh(1.0, 4000)))
+    length, snr = uncertainty.echo_windows(image, bottom, noise)
+    # The five-sample smoothing carries each edge two samples out; at a
+    # beam's end the smoothing's own shorter windows do the same.
+    assert list(length) == [6 + 4, 150 + 4, 801, 6 + 4, 6 + 4]
+    assert np.all(snr > 1000.0)
+    # The short first walk changes nothing against the full walk alone.
+    rows = np.arange(5)
+    index = bottom.astype(np.int64) - 1
+    first, last, window = uncertainty._echo_walk(image, rows, index, noise, uncertainty._MAX_REACH)
+    np.testing.assert_array_equal(length, last - first + 1)
+    np.testing.assert_array_equal(snr, np.maximum(window / (last - first + 1) / noise - 1.0, 0.01))

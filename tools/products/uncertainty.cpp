@@ -54,7 +54,7 @@ void echoWindow(const float* row, int n, int64_t index, double noise, int32_t* l
     constexpr int reach = kMaxReach + kSmoothHalf;
     constexpr int span = 2 * reach + 1;
     constexpr int smoothedCount = span - 2 * kSmoothHalf;  // offsets -kMaxReach .. kMaxReach
-    double power[span], inside[span], smoothed[smoothedCount], cumulative[span];
+    double power[span], inside[span], smoothed[smoothedCount];
     for (int k = 0; k < span; ++k) {
         const int64_t at = index - reach + k;
         const bool in = at >= 0 && at < n;
@@ -86,10 +86,10 @@ void echoWindow(const float* row, int n, int64_t index, double noise, int32_t* l
     while (left < kMaxReach && smoothed[centre - 1 - left] > edge) ++left;
     int right = 0;
     while (right < kMaxReach && smoothed[centre + 1 + right] > edge) ++right;
-    double running = 0.0;
-    for (int k = 0; k < span; ++k) cumulative[k] = running += power[k];
+    // The window's power summed in sample order from its first sample.
     const int first = reach - left, last = reach + right;
-    const double window = cumulative[last] - (first > 0 ? cumulative[first - 1] : 0.0);
+    double window = 0.0;
+    for (int k = first; k <= last; ++k) window += power[k];
     *length = last - first + 1;
     *meanPower = window / static_cast<double>(*length);
 }
