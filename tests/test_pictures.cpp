@@ -192,6 +192,44 @@ TEST(Wedge, RemapWeightsBoundsGainModesAndClipping) {
     }
 }
 
+// The picture drawn piece by piece while beams are formed (wide vectors where
+// the processor has them) matches the whole remap byte for byte: values below
+// 0, NaN, at and above 255, halves that round to even, pieces of every length
+// including ones that end inside a group of pixels.
+TEST(Wedge, PiecesDrawTheRemapsPicture) {
+    const int B = 256, S = 1000, W = 824, H = 329;
+    OwnGrid og;
+    updateSectorGrid(&og.g, 60.0f, 60.0f, W, H, S, B);
+    const auto angles = fanAngles(B, 60);
+    std::vector<float> img(B * S);
+    const float special[] = {-3.0f, NAN, 255.0f, 254.5f, 253.5f, 0.5f, 1e30f, -0.0f};
+    for (int i = 0; i < B * S; ++i)
+        img[i] = i % 7 == 0 ? special[(i / 7) % 8] : static_cast<float>((i * 37) % 601) * 0.5f - 20.0f;
+    OwnWork work;
+    std::vector<uint8_t> whole(W * H, 0), pieces(W * H, 0);
+    renderWaterColumnImage(img.data(), B, S, angles.data(), 60, 60, 1, 0.9f, whole.data(), W, H,
+                           &og.g, &work.w);
+    std::vector<WedgePixel> pixels(kGridCapacity);
+    std::vector<int32_t> firstPixel(S + 2);
+    WedgePlan plan{};
+    plan.pixels = pixels.data();
+    plan.firstPixel = firstPixel.data();
+    ASSERT_TRUE(prepareWedgePlan(&plan, &og.g, B, S, W, H));
+    ASSERT_GT(plan.count, 10000);
+    for (int piece : {256, 97, 1000}) {
+        std::fill(pieces.begin(), pieces.end(), 0);
+        for (int start = 0; start < S; start += piece)
+            drawWedgeSamples(plan, img.data(), 0.9f, pieces.data(), start, piece);
+        drawWedgeBorders(plan, img.data(), 0.9f, pieces.data(), piece);
+        ASSERT_EQ(pieces, whole) << piece;
+    }
+    // Without the borders the pixels that straddle them stay blank.
+    std::fill(pieces.begin(), pieces.end(), 0);
+    for (int start = 0; start < S; start += 97)
+        drawWedgeSamples(plan, img.data(), 0.9f, pieces.data(), start, 97);
+    EXPECT_NE(pieces, whole);
+}
+
 namespace {
 struct Waterfall {
     std::vector<float> memory = std::vector<float>(kWaterfallRows * kWaterfallRowLength, 0.0f);

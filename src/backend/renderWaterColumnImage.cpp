@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <vector>
 
+#include <immintrin.h>
+
 #include "backend.h"
 
 namespace kvane {
@@ -231,6 +233,112 @@ inline void drawPixel(const WedgePixel& p, const float* beamImage, std::size_t S
                                      p.beamWeight, p.rangeWeight, imageGain);
 }
 
+// Pixels from..to - 1 of the plan whose near sample lies at or past `from`
+// (atOrPast) or before it, in the plain form.
+void drawPixels(const WedgePlan& plan, const float* beamImage, float imageGain,
+                uint8_t* displayImage, int32_t first, int32_t end, int32_t near, bool atOrPast) {
+    const std::size_t S = static_cast<std::size_t>(plan.sampleCount);
+    for (int32_t i = first; i < end; ++i) {
+        const WedgePixel& p = plan.pixels[i];
+        if ((p.near >= near) == atOrPast) drawPixel(p, beamImage, S, imageGain, displayImage);
+    }
+}
+
+// The same eight pixels at a time: the fields and the four samples gathered,
+// the blend and the conversion to bytes with the same single-precision
+// operations in the same order (no fused multiply-adds), then the bytes
+// stored one by one. A sample index beam * S + S + far stays below 256 *
+// 8000, well inside int32.
+KVANE_AVX2 void drawPixelsAvx2(const WedgePlan& plan, const float* beamImage, float imageGain,
+                               uint8_t* displayImage, int32_t first, int32_t end, int32_t near,
+                               bool atOrPast) {
+    static_assert(sizeof(WedgePixel) == 6 * sizeof(int32_t), "six 32-bit fields");
+    const __m256i S = _mm256_set1_epi32(plan.sampleCount);
+    const __m256i nearLimit = _mm256_set1_epi32(near - 1);
+    const __m256 one = _mm256_set1_ps(1.0f);
+    const __m256 gain = _mm256_set1_ps(imageGain);
+    const __m256 zero = _mm256_setzero_ps();
+    const __m256 top = _mm256_set1_ps(255.0f);
+    const __m256 shift = _mm256_set1_ps(8388608.0f);
+    const __m256i topByte = _mm256_set1_epi32(255);
+    int32_t i = first;
+    // Each pixel is loaded as eight 32-bit words (its six fields and two of
+    // the next pixel's, so the group stops short of the last pixel) and the
+    // eight are transposed into one vector per field.
+    for (; i + 9 <= end; i += 8) {
+        const int32_t* base = reinterpret_cast<const int32_t*>(plan.pixels + i);
+        __m256 r[8];
+        for (int k = 0; k < 8; ++k)
+            r[k] = _mm256_loadu_ps(reinterpret_cast<const float*>(base + 6 * k));
+        const __m256 t0 = _mm256_unpacklo_ps(r[0], r[1]);
+        const __m256 t1 = _mm256_unpackhi_ps(r[0], r[1]);
+        const __m256 t2 = _mm256_unpacklo_ps(r[2], r[3]);
+        const __m256 t3 = _mm256_unpackhi_ps(r[2], r[3]);
+        const __m256 t4 = _mm256_unpacklo_ps(r[4], r[5]);
+        const __m256 t5 = _mm256_unpackhi_ps(r[4], r[5]);
+        const __m256 t6 = _mm256_unpacklo_ps(r[6], r[7]);
+        const __m256 t7 = _mm256_unpackhi_ps(r[6], r[7]);
+        const __m256 u0 = _mm256_shuffle_ps(t0, t2, 0x44);
+        const __m256 u1 = _mm256_shuffle_ps(t0, t2, 0xEE);
+        const __m256 u2 = _mm256_shuffle_ps(t1, t3, 0x44);
+        const __m256 u3 = _mm256_shuffle_ps(t1, t3, 0xEE);
+        const __m256 u4 = _mm256_shuffle_ps(t4, t6, 0x44);
+        const __m256 u5 = _mm256_shuffle_ps(t4, t6, 0xEE);
+        const __m256 u6 = _mm256_shuffle_ps(t5, t7, 0x44);
+        const __m256 u7 = _mm256_shuffle_ps(t5, t7, 0xEE);
+        // Field f of pixels 0..3 sits in the low half of u(f), of pixels 4..7
+        // in its high half (f < 4); fields 4 and 5 in the halves' other side.
+        const __m256i out = _mm256_castps_si256(_mm256_permute2f128_ps(u0, u4, 0x20));
+        const __m256i beam = _mm256_castps_si256(_mm256_permute2f128_ps(u1, u5, 0x20));
+        const __m256i nearIdx = _mm256_castps_si256(_mm256_permute2f128_ps(u2, u6, 0x20));
+        const __m256i farIdx = _mm256_castps_si256(_mm256_permute2f128_ps(u3, u7, 0x20));
+        const __m256 fu = _mm256_permute2f128_ps(u0, u4, 0x31);
+        const __m256 fv = _mm256_permute2f128_ps(u1, u5, 0x31);
+        // near > near - 1, i.e. near >= the limit
+        const __m256i past = _mm256_cmpgt_epi32(nearIdx, nearLimit);
+        int take = _mm256_movemask_ps(_mm256_castsi256_ps(past));
+        if (!atOrPast) take ^= 0xff;
+        if (take == 0) continue;
+        const __m256i lower = _mm256_mullo_epi32(beam, S);
+        const __m256i upper = _mm256_add_epi32(lower, S);
+        const __m256 a = _mm256_i32gather_ps(beamImage, _mm256_add_epi32(lower, nearIdx), 4);
+        const __m256 b = _mm256_i32gather_ps(beamImage, _mm256_add_epi32(lower, farIdx), 4);
+        const __m256 c = _mm256_i32gather_ps(beamImage, _mm256_add_epi32(upper, nearIdx), 4);
+        const __m256 d = _mm256_i32gather_ps(beamImage, _mm256_add_epi32(upper, farIdx), 4);
+        const __m256 fvRest = _mm256_sub_ps(one, fv);
+        const __m256 lowColumn = _mm256_add_ps(_mm256_mul_ps(fv, a), _mm256_mul_ps(fvRest, b));
+        const __m256 highColumn = _mm256_add_ps(_mm256_mul_ps(fv, c), _mm256_mul_ps(fvRest, d));
+        const __m256 level = _mm256_add_ps(_mm256_mul_ps(fu, lowColumn),
+                                           _mm256_mul_ps(_mm256_sub_ps(one, fu), highColumn));
+        const __m256 v = _mm256_mul_ps(level, gain);
+        // NaN and v <= 0 give 0, v >= 255 gives 255, the rest rounds to
+        // nearest through 2^23.
+        const __m256 positive = _mm256_cmp_ps(v, zero, _CMP_GT_OQ);
+        const __m256 saturated = _mm256_cmp_ps(v, top, _CMP_GE_OQ);
+        const __m256 rounded = _mm256_sub_ps(_mm256_add_ps(v, shift), shift);
+        __m256i bytes = _mm256_and_si256(_mm256_cvttps_epi32(rounded), _mm256_castps_si256(positive));
+        bytes = _mm256_blendv_epi8(bytes, topByte, _mm256_castps_si256(saturated));
+        alignas(32) int32_t outs[8];
+        alignas(32) int32_t values[8];
+        _mm256_store_si256(reinterpret_cast<__m256i*>(outs), out);
+        _mm256_store_si256(reinterpret_cast<__m256i*>(values), bytes);
+        for (; take != 0; take &= take - 1) {
+            const int k = __builtin_ctz(static_cast<unsigned>(take));
+            displayImage[outs[k]] = static_cast<uint8_t>(values[k]);
+        }
+    }
+    drawPixels(plan, beamImage, imageGain, displayImage, i, end, near, atOrPast);
+}
+
+void drawPixelRange(const WedgePlan& plan, const float* beamImage, float imageGain,
+                    uint8_t* displayImage, int32_t first, int32_t end, int32_t near,
+                    bool atOrPast) {
+    if (cpuHasAvx2())
+        drawPixelsAvx2(plan, beamImage, imageGain, displayImage, first, end, near, atOrPast);
+    else
+        drawPixels(plan, beamImage, imageGain, displayImage, first, end, near, atOrPast);
+}
+
 }  // namespace
 
 void drawWedgeSamples(const WedgePlan& plan, const float* beamImage, float imageGain,
@@ -239,10 +347,8 @@ void drawWedgeSamples(const WedgePlan& plan, const float* beamImage, float image
     const int32_t S = plan.sampleCount;
     const int32_t end = std::min(start + count, S);
     if (start < 0 || start >= end) return;
-    for (int32_t i = plan.firstPixel[start]; i < plan.firstPixel[end]; ++i) {
-        const WedgePixel& p = plan.pixels[i];
-        if (p.near >= start) drawPixel(p, beamImage, static_cast<std::size_t>(S), imageGain, displayImage);
-    }
+    drawPixelRange(plan, beamImage, imageGain, displayImage, plan.firstPixel[start],
+                   plan.firstPixel[end], start, true);
 }
 
 void drawWedgeBorders(const WedgePlan& plan, const float* beamImage, float imageGain,
@@ -251,10 +357,8 @@ void drawWedgeBorders(const WedgePlan& plan, const float* beamImage, float image
     const int32_t S = plan.sampleCount;
     // A far sample lies one or two samples past its near one.
     for (int32_t border = pieceLength; border < S; border += pieceLength)
-        for (int32_t i = plan.firstPixel[border]; i < plan.firstPixel[std::min(border + 3, S)]; ++i) {
-            const WedgePixel& p = plan.pixels[i];
-            if (p.near < border) drawPixel(p, beamImage, static_cast<std::size_t>(S), imageGain, displayImage);
-        }
+        drawPixelRange(plan, beamImage, imageGain, displayImage, plan.firstPixel[border],
+                       plan.firstPixel[std::min(border + 3, S)], border, false);
 }
 
 void renderWaterColumnImage(const float* beamImage, int32_t beamCount, int32_t sampleCount,
