@@ -2,6 +2,7 @@
 // correlators and the amplitude image.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <complex>
 #include <cstring>
@@ -120,6 +121,28 @@ TEST(BeamFan, DefaultFansAndTheHostsFans) {
                                {61, 59, 128, 0}, {60.5f, 60, 128, 1}, {60.5f, 60, 128, 1}};
     for (const auto& [P, S, B, changed] : calls) EXPECT_EQ(fan(P, S, 1, int32_t(B)), changed) << P << " " << B;
     EXPECT_EQ(sig, 249);
+}
+
+// Every block is dealt exactly once, whatever the team and the count (short
+// last rounds, teams larger than the count), and with block costs that grow
+// along the ping, two threads' shares differ by no more than one block's
+// growth over the next.
+TEST(BlockDealing, APermutationThatEvensGrowingCosts) {
+    for (int team : {1, 2, 3, 5})
+        for (int count : {0, 1, 2, 3, 4, 5, 7, 16, 31, 32, 33}) {
+            std::vector<int> seen(count, 0);
+            for (int j = 0; j < count; ++j) {
+                const int k = kvane::dealtBlock(j, count, team);
+                ASSERT_TRUE(k >= 0 && k < count) << team << " " << count << " " << j;
+                ++seen[k];
+            }
+            EXPECT_EQ(std::count(seen.begin(), seen.end(), 1), count) << team << " " << count;
+        }
+    for (int count : {4, 16, 32}) {
+        double share[2] = {0.0, 0.0};
+        for (int j = 0; j < count; ++j) share[j % 2] += 2 * kvane::dealtBlock(j, count, 2) + 1;
+        EXPECT_LE(std::fabs(share[0] - share[1]), 2.0) << count;
+    }
 }
 
 TEST(InterpolateRoll, SegmentsBetweenTableSamplesAndTheRetainedOne) {

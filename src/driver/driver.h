@@ -58,6 +58,12 @@ uint8_t finishBeamFan(float* beamAngles, double* beamAnglesDouble, float* beamAn
 void formSteeringMatrix(cfloat* steerMatrix, const double* beamAnglesDouble, int32_t beamCount,
                         double offsetDegrees, float soundSpeed);
 
+// The block that turn j of `count` takes when a team of `team` deals them one
+// at a time: rounds of `team` blocks, every other full round dealt backwards,
+// so that when later blocks cost more (the fan picture grows with range) each
+// thread's share comes out even. A permutation of 0..count-1.
+int32_t dealtBlock(int32_t j, int32_t count, int32_t team);
+
 // The beam sums C (m x n) = A (m x k, lda) * B (k x n, ldb), row-major, cut
 // into a fixed grid of blocks: 256-column blocks when n is at least 512, else
 // 64-row blocks. The grid depends on the shape only, so a thread team that

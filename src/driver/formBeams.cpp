@@ -299,6 +299,15 @@ cfloat* beamBlockOf(cfloat* formedBeamIq, int thread) {
 }
 }  // namespace
 
+int32_t dealtBlock(int32_t j, int32_t count, int32_t team) {
+    if (team < 2) return j;
+    const int32_t round = j / team;
+    const int32_t pos = j % team;
+    // Odd rounds run backwards, unless the round is the last and not full.
+    if (round % 2 == 1 && (round + 1) * team <= count) return round * team + team - 1 - pos;
+    return j;
+}
+
 int32_t productBlockCount(int32_t m, int32_t n) {
     if (m < 1 || n < 1) return 0;
     if (n >= 2 * kProductColumns) return (n + kProductColumns - 1) / kProductColumns;
@@ -431,8 +440,10 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
                 cfloat* own = beamBlockOf(io->formedBeamIq, thread);
                 TeamShareClock clock;
                 clock.start();
+                const int32_t members = omp_get_num_threads();
 #pragma omp for schedule(static, 1) nowait
-                for (int32_t k = 0; k < blocks; ++k) {
+                for (int32_t j = 0; j < blocks; ++j) {
+                    const int32_t k = dealtBlock(j, blocks, members);
                     if (image && byColumns) {
                         const int32_t col0 = k * kProductColumns;
                         const int32_t cols = n - col0 < kProductColumns ? n - col0 : kProductColumns;
@@ -498,8 +509,10 @@ float formBeams(KVaneParams* params, KVaneResult* result, const float* beamAngle
         cfloat steer[kMaxBeams * kChannels];
         TeamShareClock clock;
         clock.start();
+        const int32_t members = omp_get_num_threads();
 #pragma omp for schedule(static, 1) nowait
-        for (int32_t s = 0; s < segments; ++s) {
+        for (int32_t j = 0; j < segments; ++j) {
+            const int32_t s = dealtBlock(j, segments, members);
             const int32_t start = s * kSegmentLength;
             const int32_t len = n - start < kSegmentLength ? n - start : kSegmentLength;
             const double roll = static_cast<double>(segmentRollLocal[s]);
