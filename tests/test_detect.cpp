@@ -184,44 +184,6 @@ TEST(DecimatedMovingAverage, MeansOfCentredWindowsEndsRepeated) {
         }
 }
 
-// Averaging a gated beam where it lies gives the bits of averaging its gated
-// copy: gates empty, whole, cut by either end, shorter than a window and
-// reversed; windows and steps of the detection; signed zeros and NaN among
-// the kept samples; nothing outside the gate is read.
-TEST(DecimatedMovingAverage, GatedInPlaceMatchesTheGatedCopy) {
-    std::mt19937 rng(5);
-    std::uniform_real_distribution<float> unit(0.0f, 1000.0f);
-    for (int n : {1, 4, 23, 300, 7985}) {
-        std::vector<float> row(n + 2 * 64);
-        for (float& v : row) v = unit(rng);
-        row[64 + n / 2] = -0.0f;
-        if (n > 100) row[64 + n / 3] = NAN;
-        float* trace = row.data() + 64;
-        std::vector<std::pair<int, int>> gates = {{0, n}, {0, 0}, {n / 2, n / 2}, {-5, n + 9},
-                                                  {n / 3, n / 3 + 2}, {n / 4, 3 * n / 4},
-                                                  {1, n - 1}, {n - 1, n}, {3 * n / 4, n / 4}};
-        for (auto [keepFrom, keepTo] : gates)
-            for (auto [width, step] : {std::pair{3, 2}, std::pair{21, 11}, std::pair{15, 8},
-                                       std::pair{9, 5}, std::pair{1, 1}, std::pair{7, 1}}) {
-                std::vector<float> copy(n);
-                kvane::gatedEnvelope(copy.data(), trace, 0, n, keepFrom, keepTo);
-                std::vector<float> want(n + 1, -1.0f), got(n + 1, -1.0f);
-                const int length =
-                    kvane::decimatedMovingAverage(want.data(), copy.data(), n, width, step);
-                // Outside the gate the row is poisoned: it must not be read.
-                std::vector<float> poisoned(row);
-                for (int j = -64; j < n + 64; ++j)
-                    if (j < std::clamp(keepFrom, 0, n) || j >= std::clamp(keepTo, 0, n))
-                        poisoned[64 + j] = 1e30f;
-                ASSERT_EQ(kvane::gatedMovingAverage(got.data(), poisoned.data() + 64, n, keepFrom,
-                                                    keepTo, width, step),
-                          length);
-                ASSERT_EQ(0, std::memcmp(got.data(), want.data(), sizeof(float) * (n + 1)))
-                    << n << " gate " << keepFrom << ".." << keepTo << " " << width << "/" << step;
-            }
-    }
-}
-
 // The double sums of the detection's means against the plain ordered sum,
 // bit for bit: narrow and wide ranges of magnitude (the second making the
 // additions round), signs, zeros, denormals, infinities and NaN, odd

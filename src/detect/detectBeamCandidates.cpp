@@ -131,12 +131,12 @@ void findBeamGates(const PingPlan& plan, int b, const DetectWork& lines, int32_t
     if (workLength < 1) return;
 
     // Work index i is beam sample firstSample - 1 + i; the last sample of the
-    // beam is never read. The gated envelope is averaged where it lies.
-    const int32_t from = firstSample - 1;
+    // beam is never copied.
+    gatedEnvelope(lines.envelopeWork, envelope, firstSample - 1, workLength,
+                  std::clamp(plan.beamStart[b], 0, n), std::clamp(plan.beamEnd[b], 0, n));
     float* smoothed = lines.scratchB;
-    const int smoothLength = gatedMovingAverage(
-        smoothed, envelope + from, workLength, std::clamp(plan.beamStart[b], 0, n) - from,
-        std::clamp(plan.beamEnd[b], 0, n) - from, smoothWidth, smoothStep);
+    const int smoothLength =
+        decimatedMovingAverage(smoothed, lines.envelopeWork, workLength, smoothWidth, smoothStep);
     const int minDistance = truncToInt(
         std::ceil((static_cast<float>(firstEcho) / 3.0f) / static_cast<float>(smoothStep)));
     int32_t peaks[kPeaksPerBeam];

@@ -636,54 +636,6 @@ int decimatedMovingAverage(float* out, const float* x, int n, int width, int ste
     return outLen;
 }
 
-int gatedMovingAverage(float* out, const float* row, int n, int keepFrom, int keepTo, int width,
-                       int step) {
-    if (n < 1 || width < 1 || step < 1) return 0;
-    const int outLen = (n + step - 1) / step;
-    const int half = width / 2;
-    const float w = static_cast<float>(width);
-    const int a = std::clamp(keepFrom, 0, n);
-    const int e = std::clamp(keepTo, a, n);
-    // An output's window reads samples lo..hi (ends repeated past the trace).
-    auto window = [&](int i, int* lo, int* hi) {
-        *lo = std::max(i * step - half, 0);
-        *hi = std::min(i * step + half, n - 1);
-    };
-    // Outputs first..last have their whole window inside the trace and inside
-    // the kept samples: they read the row itself, on the vector path.
-    const int first = std::min(std::max(a + half + step - 1, 0) / step, outLen);
-    const int last = e - 1 - half >= 0 ? std::min((e - 1 - half) / step, outLen - 1) : -1;
-    for (int i = 0; i < outLen; ++i) {
-        if (i == first && last >= first) {
-            float* o = out + first;
-            const int count = last - first + 1;
-            const float* base = row + first * step - half;
-            if (cpuHasAvx2())
-                windowSumsAvx2(o, base, count, step, 2 * half + 1);
-            else
-                windowSums(o, base, count, step, 2 * half + 1);
-            for (int k = 0; k < count; ++k) o[k] = o[k] / w;
-            i = last;
-            continue;
-        }
-        int lo, hi;
-        window(i, &lo, &hi);
-        if (hi < a || lo >= e) {
-            // Nothing but zeros: the sum of them is +0.
-            out[i] = 0.0f / w;
-            continue;
-        }
-        const int c = i * step;
-        float s = 0.0f;
-        for (int k = c - half; k <= c + half; ++k) {
-            const int j = k < 0 ? 0 : (k >= n ? n - 1 : k);
-            s += j >= a && j < e ? row[j] : 0.0f;
-        }
-        out[i] = s / w;
-    }
-    return outLen;
-}
-
 void runningMedianCausal(float* out, const float* in, int n, int mask) {
     if (n < 1 || mask < 1) return;
     if (mask % 2 == 0) mask -= 1;

@@ -116,12 +116,6 @@ float stdDev(const float* x, int n);
 // nearest end sample. Returns the output length.
 int decimatedMovingAverage(float* out, const float* x, int n, int width, int step);
 
-// gatedMovingAverage: decimatedMovingAverage of the trace that reads
-// row[j] for keepFrom <= j < keepTo and 0 elsewhere (the gate clamped to
-// 0..n), without forming that trace; the same results bit for bit.
-int gatedMovingAverage(float* out, const float* row, int n, int keepFrom, int keepTo, int width,
-                       int step);
-
 // Causal running median: out[i] is the median of in[i - mask + 1 .. i], inputs
 // before the first equal to in[0]. An even mask is lowered by one. out may
 // equal in.
