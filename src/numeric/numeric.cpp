@@ -180,19 +180,75 @@ KVANE_LOOP_BODY void magnitudeLoop(float* out, const cfloat* in, int n) {
 }
 KVANE_AVX2 void magnitudeLoopAvx2(float* out, const cfloat* in, int n) { magnitudeLoop(out, in, n); }
 
+#define KVANE_AVX2_TRANSPOSE __attribute__((target("avx2"), always_inline)) inline
+
 // Window position by window position across outputs: o[i] += base[i * step + k].
 KVANE_LOOP_BODY void windowSums(float* o, const float* base, int count, int step, int positions) {
     for (int i = 0; i < count; ++i) o[i] = 0.0f;
     for (int k = 0; k < positions; ++k)
         for (int i = 0; i < count; ++i) o[i] += base[i * step + k];
 }
-// The same for a step of 2, eight outputs at a time: the inputs of one
-// window position for eight outputs are every other float of sixteen, taken
-// out of two loads. The vector part stops where its loads would reach past
-// the last input the sums read.
+// Rows r[0..7] as columns: r[j] becomes lane l = row l's entry j.
+KVANE_AVX2_TRANSPOSE void transpose8(__m256* r) {
+    const __m256 t0 = _mm256_unpacklo_ps(r[0], r[1]);
+    const __m256 t1 = _mm256_unpackhi_ps(r[0], r[1]);
+    const __m256 t2 = _mm256_unpacklo_ps(r[2], r[3]);
+    const __m256 t3 = _mm256_unpackhi_ps(r[2], r[3]);
+    const __m256 t4 = _mm256_unpacklo_ps(r[4], r[5]);
+    const __m256 t5 = _mm256_unpackhi_ps(r[4], r[5]);
+    const __m256 t6 = _mm256_unpacklo_ps(r[6], r[7]);
+    const __m256 t7 = _mm256_unpackhi_ps(r[6], r[7]);
+    const __m256 u0 = _mm256_shuffle_ps(t0, t2, 0x44);
+    const __m256 u1 = _mm256_shuffle_ps(t0, t2, 0xEE);
+    const __m256 u2 = _mm256_shuffle_ps(t1, t3, 0x44);
+    const __m256 u3 = _mm256_shuffle_ps(t1, t3, 0xEE);
+    const __m256 u4 = _mm256_shuffle_ps(t4, t6, 0x44);
+    const __m256 u5 = _mm256_shuffle_ps(t4, t6, 0xEE);
+    const __m256 u6 = _mm256_shuffle_ps(t5, t7, 0x44);
+    const __m256 u7 = _mm256_shuffle_ps(t5, t7, 0xEE);
+    r[0] = _mm256_permute2f128_ps(u0, u4, 0x20);
+    r[1] = _mm256_permute2f128_ps(u1, u5, 0x20);
+    r[2] = _mm256_permute2f128_ps(u2, u6, 0x20);
+    r[3] = _mm256_permute2f128_ps(u3, u7, 0x20);
+    r[4] = _mm256_permute2f128_ps(u0, u4, 0x31);
+    r[5] = _mm256_permute2f128_ps(u1, u5, 0x31);
+    r[6] = _mm256_permute2f128_ps(u2, u6, 0x31);
+    r[7] = _mm256_permute2f128_ps(u3, u7, 0x31);
+}
+// Other steps, eight outputs at a time: the eight windows are loaded eight
+// positions at a time and transposed, so that each lane adds its own window's
+// inputs from 0 in position order. The vector part stops where its loads
+// would reach past the last input the sums read.
+KVANE_AVX2 void windowSumsTransposedAvx2(float* o, const float* base, int count, int step,
+                                         int positions) {
+    if (positions < 1) {
+        windowSums(o, base, count, step, positions);
+        return;
+    }
+    const int64_t lastInput = static_cast<int64_t>(count - 1) * step + positions - 1;
+    const int64_t reach = 7 * static_cast<int64_t>(step) + (positions - 1) / 8 * 8 + 7;
+    int i = 0;
+    for (; i + 8 <= count && static_cast<int64_t>(i) * step + reach <= lastInput; i += 8) {
+        const float* p = base + static_cast<std::size_t>(i) * step;
+        __m256 sum = _mm256_setzero_ps();
+        for (int k0 = 0; k0 < positions; k0 += 8) {
+            __m256 r[8];
+            for (int l = 0; l < 8; ++l)
+                r[l] = _mm256_loadu_ps(p + static_cast<std::size_t>(l) * step + k0);
+            transpose8(r);
+            const int span = positions - k0 < 8 ? positions - k0 : 8;
+            for (int j = 0; j < span; ++j) sum = _mm256_add_ps(sum, r[j]);
+        }
+        _mm256_storeu_ps(o + i, sum);
+    }
+    windowSums(o + i, base + static_cast<std::size_t>(i) * step, count - i, step, positions);
+}
+// For a step of 2 the inputs of one window position for eight outputs are
+// every other float of sixteen, taken out of two loads. The vector part stops
+// where its loads would reach past the last input the sums read.
 KVANE_AVX2 void windowSumsAvx2(float* o, const float* base, int count, int step, int positions) {
     if (step != 2) {
-        windowSums(o, base, count, step, positions);
+        windowSumsTransposedAvx2(o, base, count, step, positions);
         return;
     }
     int i = 0;
