@@ -102,21 +102,32 @@ KVANE_LOOP_BODY void conditionColumns(float* image, const cfloat* beams, int64_t
     for (int32_t offset = 0; offset < count; offset += kTileSamples) {
         const int32_t start0 = start + offset;
         const int32_t len = count - offset < kTileSamples ? count - offset : kTileSamples;
+        // The magnitudes, and each half's maximum taken as its rows are made
+        // (its first row, then the others in order). A beam past the two
+        // halves (an odd count) is not clipped.
+        float levels[2][kTileSamples];
         for (int32_t b = 0; b < B; ++b) {
             const float* src = reinterpret_cast<const float*>(beams + b * beamStride + offset);
             float* env = image + static_cast<int64_t>(b) * n + start0;
-            for (int32_t t = 0; t < len; ++t)
-                env[t] = std::sqrt(src[2 * t] * src[2 * t] + src[2 * t + 1] * src[2 * t + 1]);
+            auto magnitude = [&](int32_t t) {
+                return std::sqrt(src[2 * t] * src[2 * t] + src[2 * t + 1] * src[2 * t + 1]);
+            };
+            float* level = levels[b < half ? 0 : 1];
+            if (half < 1 || b >= 2 * half) {
+                for (int32_t t = 0; t < len; ++t) env[t] = magnitude(t);
+            } else if (b == 0 || b == half) {
+                for (int32_t t = 0; t < len; ++t) level[t] = env[t] = magnitude(t);
+            } else {
+                for (int32_t t = 0; t < len; ++t) {
+                    const float m = magnitude(t);
+                    env[t] = m;
+                    level[t] = m > level[t] ? m : level[t];
+                }
+            }
         }
         for (int32_t h = 0; h < 2 && half > 0; ++h) {
             const int32_t first = h * half;
-            float level[kTileSamples];
-            const float* row0 = image + static_cast<int64_t>(first) * n + start0;
-            for (int32_t t = 0; t < len; ++t) level[t] = row0[t];
-            for (int32_t b = first + 1; b < first + half; ++b) {
-                const float* row = image + static_cast<int64_t>(b) * n + start0;
-                for (int32_t t = 0; t < len; ++t) level[t] = row[t] > level[t] ? row[t] : level[t];
-            }
+            float* level = levels[h];
             // The replacement is the absolute value 1.0, not a fraction of the
             // maximum; an all-zero half has level 0 and stays zero.
             for (int32_t t = 0; t < len; ++t) level[t] = r * level[t];
