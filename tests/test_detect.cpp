@@ -62,6 +62,9 @@ TEST(PickEnvelopePeaks, HandMadeEnvelopes) {
         {{0, 0.2f, 0, 1, 0}, 1, 64, {3, 1}},
         // No scale, no peaks.
         {{2, 2, 2, 2}, 1, 64, {}}, {{0, 1, NAN, 1, 0}, 1, 64, {}}, {{0, INFINITY, 0, 1, 0}, 1, 64, {}},
+        // The same past the first eight samples, and in the last of sixteen.
+        {{0, 1, 0, 1, 0, 1, 0, 1, 0, NAN, 0, 1, 0, 1, 0, 1, 0}, 1, 64, {}},
+        {{0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, -INFINITY}, 1, 64, {}},
     };
     for (const auto& c : cases) EXPECT_EQ(peaksOf(c.y, c.minDistance, c.maxPeaks), c.peaks) << c.y.size();
 }

@@ -58,6 +58,23 @@ KVANE_AVX2 int collectMaximaAvx2(int32_t* kept, int* keptCount, const float* v, 
     return maxima + collectMaxima(kept, keptCount, v, i, to, isAbove);
 }
 
+// The eight lanes' extremes below in registers (min(x, low) keeps low unless
+// x < low, max likewise); 1 when a NaN was met, else 0.
+KVANE_AVX2 int laneExtremesAvx2(float* lowLane, float* highLane, const float* y, int whole) {
+    __m256 low = _mm256_loadu_ps(lowLane);
+    __m256 high = _mm256_loadu_ps(highLane);
+    __m256 unordered = _mm256_setzero_ps();
+    for (int i = 0; i < whole; i += 8) {
+        const __m256 x = _mm256_loadu_ps(y + i);
+        unordered = _mm256_or_ps(unordered, _mm256_cmp_ps(x, x, _CMP_UNORD_Q));
+        low = _mm256_min_ps(x, low);
+        high = _mm256_max_ps(x, high);
+    }
+    _mm256_storeu_ps(lowLane, low);
+    _mm256_storeu_ps(highLane, high);
+    return _mm256_movemask_ps(unordered) != 0 ? 1 : 0;
+}
+
 template <bool Wide>
 KVANE_LOOP_BODY int pickPeaks(int32_t* peaks, int maxPeaks, const float* y, int n, int minDistance,
                      float* levels, int32_t* order) {
@@ -71,13 +88,17 @@ KVANE_LOOP_BODY int pickPeaks(int32_t* peaks, int maxPeaks, const float* y, int 
     for (int k = 0; k < 8; ++k) lowLane[k] = highLane[k] = y[0];
     int nanCount = 0;
     const int whole = n - n % 8;
-    for (int i = 0; i < whole; i += 8)
-        for (int k = 0; k < 8; ++k) {
-            const float x = y[i + k];
-            nanCount += x != x;
-            lowLane[k] = x < lowLane[k] ? x : lowLane[k];
-            highLane[k] = x > highLane[k] ? x : highLane[k];
-        }
+    if constexpr (Wide) {
+        nanCount = laneExtremesAvx2(lowLane, highLane, y, whole);
+    } else {
+        for (int i = 0; i < whole; i += 8)
+            for (int k = 0; k < 8; ++k) {
+                const float x = y[i + k];
+                nanCount += x != x;
+                lowLane[k] = x < lowLane[k] ? x : lowLane[k];
+                highLane[k] = x > highLane[k] ? x : highLane[k];
+            }
+    }
     for (int i = whole; i < n; ++i) {
         const float x = y[i];
         nanCount += x != x;
@@ -96,8 +117,6 @@ KVANE_LOOP_BODY int pickPeaks(int32_t* peaks, int maxPeaks, const float* y, int 
     // (min - y) scaled by the reciprocal of the largest magnitude, then made
     // positive: the value of a division by a constant in this system.
     const float scale = 1.0f / range;
-    float* v = levels;
-    for (int i = 0; i < n; ++i) v[i] = std::fabs((lowest - y[i]) * scale);
     // The mapping is monotonic in y, so the highest level is that of the
     // highest sample.
     const float top = std::fabs((lowest - highest) * scale);
@@ -109,11 +128,15 @@ KVANE_LOOP_BODY int pickPeaks(int32_t* peaks, int maxPeaks, const float* y, int 
     // only on the rank probed: rank r holds a value below the threshold when
     // r < below, equal when below <= r < atMost, above otherwise. So the search
     // runs on the ranks alone, without sorting.
+    // The levels and the counts in one pass.
+    float* v = levels;
     int below = 0;
     int atMost = 0;
     for (int i = 0; i < n; ++i) {
-        below += v[i] < threshold;
-        atMost += v[i] <= threshold;
+        const float level = std::fabs((lowest - y[i]) * scale);
+        v[i] = level;
+        below += level < threshold;
+        atMost += level <= threshold;
     }
     int lo = 0;
     int hi = n - 1;
