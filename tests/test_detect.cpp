@@ -147,6 +147,16 @@ TEST(FindDropPoints, CrossingsWholeSidesAndTheMean) {
     // takes the next element and the mean point decides.
     EXPECT_EQ(dropsOf(std::vector<float>(6, 0.0f), 20, 2), Ints(5, 20));
     EXPECT_EQ(dropsOf(std::vector<float>(6, 0.0f), 20, 1), Ints(5, 18));
+    // Other levels between calls with the usual ones: each call uses its own.
+    const std::vector<float> fall = {1, 0.6f, 0.4f, 0.25f, 0.16f, 0.1f, 0.06f, 0.04f, 0.0f};
+    const float shallow[kvane::kDropCount] = {1, 2, 3, 4, 5};
+    Ints first(kvane::kDropCount), again(kvane::kDropCount);
+    kvane::findDropPoints(first.data(), fall.data(), 9, shallow, 0, 2);
+    const Ints usual = dropsOf(fall, 0, 2);
+    kvane::findDropPoints(again.data(), fall.data(), 9, shallow, 0, 2);
+    EXPECT_EQ(first, again);
+    EXPECT_NE(first, usual);
+    EXPECT_EQ(dropsOf(fall, 0, 2), usual);
 }
 
 TEST(FitQuadraticRobust, ExactDataAndAFarOutlier) {

@@ -1,10 +1,38 @@
 // findDropPoints.cpp - where the envelope on one side of a peak has fallen by
 // given amounts of decibels.
 #include <cmath>
+#include <cstring>
 
 #include "detect.h"
 
 namespace kvane {
+namespace {
+
+// The ratio of each level, 10^(dB / 20), kept per thread for the last set of
+// levels asked for: a ping asks for the same five for every side of every
+// peak.
+struct DropRatios {
+    float db[kDropCount];
+    float ratio[kDropCount];
+    bool valid = false;
+};
+
+const float* dropRatios(const float* dropsDb) {
+    thread_local DropRatios cache;
+    bool same = cache.valid;
+    for (int k = 0; k < kDropCount && same; ++k)
+        same = std::memcmp(&cache.db[k], &dropsDb[k], sizeof(float)) == 0;
+    if (!same) {
+        for (int k = 0; k < kDropCount; ++k) {
+            cache.db[k] = dropsDb[k];
+            cache.ratio[k] = std::pow(10.0f, dropsDb[k] / 20.0f);
+        }
+        cache.valid = true;
+    }
+    return cache.ratio;
+}
+
+}  // namespace
 
 void findDropPoints(int32_t* out, const float* x, int n, const float* dropsDb, int peakIndex,
                     int side) {
@@ -15,6 +43,7 @@ void findDropPoints(int32_t* out, const float* x, int n, const float* dropsDb, i
         return;
     }
     const float m = mean(x, n);
+    const float* ratio = dropRatios(dropsDb);
     const float peak = side == 1 ? x[n - 1] : x[0];
     // A crossing at or above the side's mean does not stand alone: it is
     // combined with a further crossing and with the point where the side meets
@@ -30,7 +59,7 @@ void findDropPoints(int32_t* out, const float* x, int n, const float* dropsDb, i
                 break;
             }
         for (int k = 0; k < kDropCount; ++k) {
-            const float thr = peak / std::pow(10.0f, dropsDb[k] / 20.0f);
+            const float thr = peak / ratio[k];
             int i = n - 1;
             while (i >= 0 && !(x[i] <= thr)) --i;
             if (i < 0) {
@@ -72,7 +101,7 @@ void findDropPoints(int32_t* out, const float* x, int n, const float* dropsDb, i
             break;
         }
     for (int k = 0; k < kDropCount; ++k) {
-        const float thr = peak / std::pow(10.0f, dropsDb[k] / 20.0f);
+        const float thr = peak / ratio[k];
         int i = 0;
         while (i < n && !(x[i] <= thr)) ++i;
         if (i == n) {
