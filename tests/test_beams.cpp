@@ -223,6 +223,32 @@ TEST(PlaneWave, SectionedAlignmentAgainstTheNarrowBandProduct) {
         for (int32_t t = 8; t < n - 8; ++t) expectClose(a[b * n + t], s[b * n + t], 2e-4 * peak);
 }
 
+// The sections' setups kept from call to call: a call that changes the
+// length, the beam count, the fan, the roll or the sound speed gets the bits
+// of a call with fresh setups, and so does the same call again.
+TEST(PlaneWave, KeptSectionSetupsGiveTheBitsOfFreshOnes) {
+    Rig shared(700, 256, 70.0f), fresh(700, 256, 70.0f);
+    Rig narrow(700, 256, 50.0f);
+    const auto x = planeWave(700, 12.0, 1500.0, 350.0, 3.0);
+    struct Call { int32_t n, B; float roll, c; const Rig* fan; };
+    const Call calls[] = {{700, 256, 0.0f, 1500.0f, &shared}, {700, 256, 0.0f, 1500.0f, &shared},
+                          {640, 256, 0.0f, 1500.0f, &shared}, {640, 200, 0.0f, 1500.0f, &shared},
+                          {640, 256, 0.0f, 1500.0f, &narrow}, {640, 256, 2.5f, 1500.0f, &shared},
+                          {640, 256, 2.5f, 1480.0f, &shared}, {700, 256, 0.0f, 1500.0f, &shared}};
+    auto keptScratch = shared.scratch();
+    for (const Call& c : calls) {
+        std::vector<cfloat> kept(256 * 700), anew(256 * 700);
+        kvane::correlateSubAperturesSectioned(x.data(), c.n, 64, c.roll, c.c, c.fan->angles.data(), c.B,
+                                              kept.data(), &keptScratch);
+        for (auto& setup : fresh.setups) setup.keyed = 0;
+        auto freshScratch = fresh.scratch();
+        kvane::correlateSubAperturesSectioned(x.data(), c.n, 64, c.roll, c.c, c.fan->angles.data(), c.B,
+                                              anew.data(), &freshScratch);
+        ASSERT_EQ(0, std::memcmp(kept.data(), anew.data(), sizeof(cfloat) * kept.size()))
+            << c.n << " " << c.B << " " << c.roll << " " << c.c;
+    }
+}
+
 // Every steering weight is the taper times the product of the library's
 // phasors of elements 8h and l (c = 8h + l), in double precision, rounded
 // once: over fans, rolls (those of segments included) and sound speeds, bit

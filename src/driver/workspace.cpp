@@ -138,6 +138,8 @@ void buildWorkspace() {
     for (void* p : all) ok = ok && p != nullptr;
     ws.built = ok;
     if (!ok) return;
+    // The sections' setups are made by the first ping that needs them.
+    for (int32_t s = 0; s < kSplitSections; ++s) ws.split.sectionSetups[s].keyed = 0;
 
     // What every full-size ping writes is made resident now rather than on
     // the first ping: the channels and their magnitudes, the image, the

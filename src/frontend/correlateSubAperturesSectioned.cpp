@@ -209,15 +209,32 @@ struct SectionPlan {
 //    rows of its beams, transposed), weighted by the taper of each of the
 //    three sub-apertures. The steering phase uses the absolute element
 //    index, so all three sub-apertures refer to element 0.
+//
+// A ping with the same length, fan and sound speed as the one that made the
+// setup keeps it: the same inputs would give the same contents.
 void setUpSection(const SectionPlan& p, int32_t s, SplitSectionSetup* setup) {
     const SplitSection& sec = p.sections[s];
     int32_t beams = sec.last - sec.first + 1;
     if (beams > kMaxSectionBeams) beams = kMaxSectionBeams;
-    setup->section = s;
-    setup->beams = beams;
-
     const int32_t n = p.n;
     const float centreSin = p.sinAngle[sec.centreBeam];
+
+    SplitSectionKey key;
+    std::memset(&key, 0, sizeof key);
+    key.n = n;
+    key.first = sec.first;
+    key.last = sec.last;
+    key.centreBeam = sec.centreBeam;
+    key.centreSin = centreSin;
+    for (int32_t b = 0; b < beams; ++b) key.sinAngle[b] = p.sinAngle[sec.first - 1 + b];
+    std::memcpy(key.phaseRow, p.phaseRow, sizeof key.phaseRow);
+    std::memcpy(key.delayRow, p.delayRow, sizeof key.delayRow);
+    if (setup->keyed == 1 && setup->section == s && setup->beams == beams &&
+        std::memcmp(&setup->key, &key, sizeof key) == 0)
+        return;
+    setup->keyed = 0;
+    setup->section = s;
+    setup->beams = beams;
     for (int32_t ch = 0; ch < kElements; ++ch) {
         const float delay = centreSin * p.delayRow[ch];
         const float whole = std::floor(delay + 0.5f);
@@ -245,6 +262,8 @@ void setUpSection(const SectionPlan& p, int32_t s, SplitSectionSetup* setup) {
             cfloat* to = setup->weights[a] + i * beams;
             for (int32_t b = 0; b < beams; ++b) to[b] = cfloat{from[b].re * t, from[b].im * t};
         }
+    setup->key = key;
+    setup->keyed = 1;
 }
 
 // Samples [t0, t0 + w) of the section set up in `setup`, on one thread:

@@ -37,12 +37,24 @@ constexpr int32_t kSplitSections = 15;
 // shares: the alignment of each channel for the section's centre beam (whole
 // shift and the taps of the fractional delay) and the sub-aperture weights
 // of its beams (three matrices of 32 elements by `beams`).
+// What a section's setup is made from: the ping's length, the section's
+// beams and their sines, the element phase and delay steps. A setup whose
+// key matches is kept.
+struct SplitSectionKey {
+    int32_t n, first, last, centreBeam;
+    float centreSin;
+    float sinAngle[kMaxSectionBeams];
+    float phaseRow[64];
+    float delayRow[64];
+};
 struct SplitSectionSetup {
     int32_t section;
     int32_t beams;
     int32_t shift[64];
     float taps[64][5];
     cfloat weights[3][32 * kMaxSectionBeams];
+    int32_t keyed = 0;  // 1 when key describes the contents
+    SplitSectionKey key;
 };
 
 // Workspace storage of the split-aperture correlators, sized as the
