@@ -44,18 +44,34 @@ void lineAroundBottom(const float* beamImage, int32_t stride, int32_t beamCount,
     std::fill(portSum, portSum + S, 0.0f);
     std::fill(starboardSum, starboardSum + S, 0.0f);
 
+    // The run of beam i around its bottom: first, and count samples (none
+    // when count < 1).
+    auto runOf = [&](int32_t i, int32_t* first, int32_t* count) {
+        const float b = bottomSample[i];
+        // A NaN bottom has no samples around it. Limits beyond the row give
+        // an empty run before they are turned into integers.
+        *count = 0;
+        if (b != b) return;
+        double lo = std::max(static_cast<double>(b) - 100.0, 1.0);
+        double hi = std::min(static_cast<double>(S), static_cast<double>(b) + 100.0);
+        lo = std::min(lo, static_cast<double>(S) + 1.0);
+        hi = std::max(hi, 0.0);
+        *first = static_cast<int32_t>(lo);
+        *count = static_cast<int32_t>(hi) - *first + 1;
+    };
     if (beamCount > 3) {
         for (int32_t i = 2; i <= beamCount - 2; ++i) {
-            const float b = bottomSample[i];
-            // A NaN bottom has no samples around it. Limits beyond the row give
-            // an empty run before they are turned into integers.
-            if (b != b) continue;
-            double lo = std::max(static_cast<double>(b) - 100.0, 1.0);
-            double hi = std::min(static_cast<double>(S), static_cast<double>(b) + 100.0);
-            lo = std::min(lo, static_cast<double>(S) + 1.0);
-            hi = std::max(hi, 0.0);
-            const int32_t first = static_cast<int32_t>(lo);
-            const int32_t count = static_cast<int32_t>(hi) - first + 1;
+            int32_t first = 0, count = 0;
+            runOf(i, &first, &count);
+            // The next beam's run is fetched while this one is added: the
+            // runs jump from beam to beam, which the processor cannot foresee.
+            if (i + 1 <= beamCount - 2) {
+                int32_t nextFirst = 0, nextCount = 0;
+                runOf(i + 1, &nextFirst, &nextCount);
+                const char* next = reinterpret_cast<const char*>(
+                    beamImage + static_cast<std::size_t>(i + 1) * stride + nextFirst);
+                for (int32_t k = 0; k < nextCount; k += 16) __builtin_prefetch(next + 4 * k);
+            }
             if (count < 1) continue;
             // When hi = S the run takes one entry past the row: the next
             // beam's first sample, onto the lines' spare entry.
