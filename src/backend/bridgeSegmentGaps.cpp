@@ -157,14 +157,15 @@ void extendBottomChain(const float* candidates, float beamCount, float sampleCou
             }
         }
         if (count < 2) continue;
+        // Each position takes the first interval whose right end lies past
+        // it; as positions and ends both ascend, that interval is found by a
+        // cursor that only moves on.
+        int q = 0;
         for (int t = from; t <= to; ++t) {
             const float ft = static_cast<float>(t);
-            for (int q = 0; q + 1 < count; ++q) {
-                if (X[q + 1] > ft) {
-                    y2[t] = V[q] + (V[q + 1] - V[q]) / (X[q + 1] - X[q]) * (ft - X[q]);
-                    break;
-                }
-            }
+            while (q + 1 < count && !(X[q + 1] > ft)) ++q;
+            if (q + 1 >= count) break;
+            y2[t] = V[q] + (V[q + 1] - V[q]) / (X[q + 1] - X[q]) * (ft - X[q]);
         }
     }
     std::copy(y2, y2 + kSlots, y);
