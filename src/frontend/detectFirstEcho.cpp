@@ -1,5 +1,6 @@
 // detectFirstEcho.cpp - the sample at which the strong return starts after the
 // quietest stretch of the ping, from the incoherent mean of all 64 channels.
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -41,11 +42,11 @@ void buildSmoothingKernel(float* kernel) {
     for (int32_t i = 0; i < kKernelLength; ++i) kernel[i] *= inverse;
 }
 
-// Mean over the 64 channels of every sample row, with double accumulation.
-// Eight independent partial sums in a fixed order keep the result the same on
-// every machine while letting the loop vectorise.
-void channelMean(float* out, const float* magnitudeBySample, int32_t n) {
-    for (int32_t t = 0; t < n; ++t) {
+// Mean over the 64 channels of sample rows from..to - 1, with double
+// accumulation. Eight independent partial sums in a fixed order keep the
+// result the same on every machine while letting the loop vectorise.
+void channelMean(float* out, const float* magnitudeBySample, int32_t from, int32_t to) {
+    for (int32_t t = from; t < to; ++t) {
         const float* row = magnitudeBySample + static_cast<int64_t>(t) * kChannelCount;
         double part[8] = {};
         for (int32_t c = 0; c < kChannelCount; c += 8)
@@ -58,9 +59,10 @@ void channelMean(float* out, const float* magnitudeBySample, int32_t n) {
 
 // Linear convolution with the symmetric kernel, with the kernel's delay of 10
 // samples removed: out[t] = sum over k of kernel[k] * in[t + 10 - k], terms
-// outside the trace left out.
-void smoothTrace(float* out, const float* in, const float* kernel, int32_t n) {
-    for (int32_t t = 0; t < n; ++t) {
+// outside the trace left out; outputs from..to - 1 of a trace of n.
+void smoothTrace(float* out, const float* in, const float* kernel, int32_t n, int32_t from,
+                 int32_t to) {
+    for (int32_t t = from; t < to; ++t) {
         const int32_t m = t + kKernelDelay;
         const int32_t kFirst = m - (n - 1) > 0 ? m - (n - 1) : 0;
         const int32_t kLast = m < kKernelLength - 1 ? m : kKernelLength - 1;
@@ -136,9 +138,21 @@ int32_t detectFirstEcho(const float* magnitudeBySample, int32_t sampleCount) {
 
     // Both passes smooth the same trace and differ only in the threshold, so
     // the trace, its mean and its peak are made once.
+    // Both steps make every sample on its own, so the team shares them in
+    // blocks of samples (the scratch is the calling thread's).
     float* meanTrace = maskTrace;
-    channelMean(meanTrace, magnitudeBySample, n);
-    smoothTrace(smoothedTrace, meanTrace, kernel, n);
+    float* smoothed = smoothedTrace;
+    constexpr int32_t kBlock = 500;
+    const int32_t blocks = (n + kBlock - 1) / kBlock;
+#pragma omp parallel num_threads(teamSize())
+    {
+#pragma omp for schedule(static)
+        for (int32_t k = 0; k < blocks; ++k)
+            channelMean(meanTrace, magnitudeBySample, k * kBlock, std::min(n, (k + 1) * kBlock));
+#pragma omp for schedule(static)
+        for (int32_t k = 0; k < blocks; ++k)
+            smoothTrace(smoothed, meanTrace, kernel, n, k * kBlock, std::min(n, (k + 1) * kBlock));
+    }
 
     const float traceMean = mean(smoothedTrace, n);
     // The first 20 samples count for the mean but not for the peak.
