@@ -252,25 +252,25 @@ void detectInGate(GateDetection* result, float* envelopeWork, const cfloat* iqWo
          static_cast<float>(sampleRate)) /
         (0.1485f * pulseLength * std::sqrt(static_cast<float>(span))));
     float* c = work->scratchA;
+    // The integral is stored with its offset of 0.001 added; a zero total
+    // makes it again, offset included, over ones.
     float previous = e[0] - lowest;
     float integral = 0.0f;
     e[0] = previous;
     double total = previous;
-    c[0] = 0.0f;
+    c[0] = integral + 0.001f;
     for (int i = 1; i < n; ++i) {
         const float level = e[i] - lowest;
         e[i] = level;
         total += level;
         integral = integral + 0.5f * (previous + level);
-        c[i] = integral;
+        c[i] = integral + 0.001f;
         previous = level;
     }
     const float sum = static_cast<float>(total);
     if (sum >= -0.000001f && sum < 0.000001f) {
         for (int i = 0; i < n; ++i) e[i] = 1.0f;
         cumulativeTrapezoid(c, e, n);
-    } else {
-        for (int i = 0; i < n; ++i) c[i] += 0.001f;
     }
     const float half = 0.5f * c[n - 1];
     int lo = 0;
