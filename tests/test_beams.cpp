@@ -254,15 +254,6 @@ TEST(PlaneWave, KeptSectionSetupsGiveTheBitsOfFreshOnes) {
 // once: over fans, rolls (those of segments included) and sound speeds, bit
 // for bit, whatever route the matrix takes to them.
 TEST(Steering, WeightsAreTheLibrarysPhasorProductsRoundedOnce) {
-    const double taperHalf[32] = {
-        0.379662651083609, 0.386871609155205, 0.401156908046637, 0.422258374303884,
-        0.449798089484145, 0.483294352883321, 0.522178953743148, 0.565816729590305,
-        0.61352628083129,  0.664600686726341, 0.718327124667912, 0.774004427140212,
-        0.830957806822049, 0.888550223192389, 0.94619013351194,  1.00333564532441,
-        1.05949534494591,  1.11422629703831,  1.16712987809368,  1.21784621013317,
-        1.26604799448218,  1.31143450952036,  1.35372643711647,  1.39266203157475,
-        1.42799495800365,  1.45949392241404,  1.48694401292841,  1.51014948889346,
-        1.5289376087409,   1.5431629906673,   1.55271196029454,  1.55750635864608};
     std::vector<double> angles(256);
     std::vector<cfloat> steer(256 * 64);
     int mismatches = 0;
@@ -279,7 +270,7 @@ TEST(Steering, WeightsAreTheLibrarysPhasorProductsRoundedOnce) {
                         double hs, hc, ls, lc;
                         ::sincos(-(s * (8 * (c / 8))), &hs, &hc);
                         ::sincos(-(s * (c % 8)), &ls, &lc);
-                        const double t = taperHalf[c < 32 ? c : 63 - c];
+                        const double t = kvane::kSteerTaperHalf[c < 32 ? c : 63 - c];
                         const cfloat w{static_cast<float>((hc * lc - hs * ls) * t),
                                        static_cast<float>((hc * ls + hs * lc) * t)};
                         mismatches += std::memcmp(&w, &steer[b * 64 + c], sizeof w) != 0;

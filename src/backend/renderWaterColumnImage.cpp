@@ -8,6 +8,7 @@
 #include <immintrin.h>
 
 #include "backend.h"
+#include "../numeric/transpose8.h"
 
 namespace kvane {
 namespace {
@@ -270,30 +271,15 @@ KVANE_AVX2 void drawPixelsAvx2(const WedgePlan& plan, const float* beamImage, fl
         __m256 r[8];
         for (int k = 0; k < 8; ++k)
             r[k] = _mm256_loadu_ps(reinterpret_cast<const float*>(base + 6 * k));
-        const __m256 t0 = _mm256_unpacklo_ps(r[0], r[1]);
-        const __m256 t1 = _mm256_unpackhi_ps(r[0], r[1]);
-        const __m256 t2 = _mm256_unpacklo_ps(r[2], r[3]);
-        const __m256 t3 = _mm256_unpackhi_ps(r[2], r[3]);
-        const __m256 t4 = _mm256_unpacklo_ps(r[4], r[5]);
-        const __m256 t5 = _mm256_unpackhi_ps(r[4], r[5]);
-        const __m256 t6 = _mm256_unpacklo_ps(r[6], r[7]);
-        const __m256 t7 = _mm256_unpackhi_ps(r[6], r[7]);
-        const __m256 u0 = _mm256_shuffle_ps(t0, t2, 0x44);
-        const __m256 u1 = _mm256_shuffle_ps(t0, t2, 0xEE);
-        const __m256 u2 = _mm256_shuffle_ps(t1, t3, 0x44);
-        const __m256 u3 = _mm256_shuffle_ps(t1, t3, 0xEE);
-        const __m256 u4 = _mm256_shuffle_ps(t4, t6, 0x44);
-        const __m256 u5 = _mm256_shuffle_ps(t4, t6, 0xEE);
-        const __m256 u6 = _mm256_shuffle_ps(t5, t7, 0x44);
-        const __m256 u7 = _mm256_shuffle_ps(t5, t7, 0xEE);
-        // Field f of pixels 0..3 sits in the low half of u(f), of pixels 4..7
-        // in its high half (f < 4); fields 4 and 5 in the halves' other side.
-        const __m256i out = _mm256_castps_si256(_mm256_permute2f128_ps(u0, u4, 0x20));
-        const __m256i beam = _mm256_castps_si256(_mm256_permute2f128_ps(u1, u5, 0x20));
-        const __m256i nearIdx = _mm256_castps_si256(_mm256_permute2f128_ps(u2, u6, 0x20));
-        const __m256i farIdx = _mm256_castps_si256(_mm256_permute2f128_ps(u3, u7, 0x20));
-        const __m256 fu = _mm256_permute2f128_ps(u0, u4, 0x31);
-        const __m256 fv = _mm256_permute2f128_ps(u1, u5, 0x31);
+        transpose8(r);
+        // Field f of the eight pixels is now r[f] (the last two are the next
+        // pixel's words and unused).
+        const __m256i out = _mm256_castps_si256(r[0]);
+        const __m256i beam = _mm256_castps_si256(r[1]);
+        const __m256i nearIdx = _mm256_castps_si256(r[2]);
+        const __m256i farIdx = _mm256_castps_si256(r[3]);
+        const __m256 fu = r[4];
+        const __m256 fv = r[5];
         // near > near - 1, i.e. near >= the limit
         const __m256i past = _mm256_cmpgt_epi32(nearIdx, nearLimit);
         int take = _mm256_movemask_ps(_mm256_castsi256_ps(past));

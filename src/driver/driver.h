@@ -52,6 +52,18 @@ uint8_t finishBeamFan(float* beamAngles, double* beamAnglesDouble, float* beamAn
                       float sectorPort, float sectorStarboard, int8_t beamSpacing,
                       int32_t beamCount, int32_t* geometrySignature);
 
+// Amplitude taper of the 64-element array, elements 0 to 31; 32 to 63 mirror
+// them. Mirror-symmetric, summing to 64.
+inline constexpr double kSteerTaperHalf[32] = {
+    0.379662651083609, 0.386871609155205, 0.401156908046637, 0.422258374303884,
+    0.449798089484145, 0.483294352883321, 0.522178953743148, 0.565816729590305,
+    0.61352628083129,  0.664600686726341, 0.718327124667912, 0.774004427140212,
+    0.830957806822049, 0.888550223192389, 0.94619013351194,  1.00333564532441,
+    1.05949534494591,  1.11422629703831,  1.16712987809368,  1.21784621013317,
+    1.26604799448218,  1.31143450952036,  1.35372643711647,  1.39266203157475,
+    1.42799495800365,  1.45949392241404,  1.48694401292841,  1.51014948889346,
+    1.5289376087409,   1.5431629906673,   1.55271196029454,  1.55750635864608};
+
 // Steering weights of B beams x 64 elements, computed in double precision and
 // rounded to single precision: taper[e] * exp(j 4712.38921875 / soundSpeed *
 // sin(angle + offset) * e). steerMatrix: beamCount rows of 64.

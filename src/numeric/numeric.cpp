@@ -1,5 +1,6 @@
 // numeric.cpp - the shared plain operations, over OpenBLAS and OpenMP.
 #include "numeric.h"
+#include "transpose8.h"
 
 #include <cblas.h>
 #include <immintrin.h>
@@ -180,40 +181,11 @@ KVANE_LOOP_BODY void magnitudeLoop(float* out, const cfloat* in, int n) {
 }
 KVANE_AVX2 void magnitudeLoopAvx2(float* out, const cfloat* in, int n) { magnitudeLoop(out, in, n); }
 
-#define KVANE_AVX2_TRANSPOSE __attribute__((target("avx2"), always_inline)) inline
-
 // Window position by window position across outputs: o[i] += base[i * step + k].
 KVANE_LOOP_BODY void windowSums(float* o, const float* base, int count, int step, int positions) {
     for (int i = 0; i < count; ++i) o[i] = 0.0f;
     for (int k = 0; k < positions; ++k)
         for (int i = 0; i < count; ++i) o[i] += base[i * step + k];
-}
-// Rows r[0..7] as columns: r[j] becomes lane l = row l's entry j.
-KVANE_AVX2_TRANSPOSE void transpose8(__m256* r) {
-    const __m256 t0 = _mm256_unpacklo_ps(r[0], r[1]);
-    const __m256 t1 = _mm256_unpackhi_ps(r[0], r[1]);
-    const __m256 t2 = _mm256_unpacklo_ps(r[2], r[3]);
-    const __m256 t3 = _mm256_unpackhi_ps(r[2], r[3]);
-    const __m256 t4 = _mm256_unpacklo_ps(r[4], r[5]);
-    const __m256 t5 = _mm256_unpackhi_ps(r[4], r[5]);
-    const __m256 t6 = _mm256_unpacklo_ps(r[6], r[7]);
-    const __m256 t7 = _mm256_unpackhi_ps(r[6], r[7]);
-    const __m256 u0 = _mm256_shuffle_ps(t0, t2, 0x44);
-    const __m256 u1 = _mm256_shuffle_ps(t0, t2, 0xEE);
-    const __m256 u2 = _mm256_shuffle_ps(t1, t3, 0x44);
-    const __m256 u3 = _mm256_shuffle_ps(t1, t3, 0xEE);
-    const __m256 u4 = _mm256_shuffle_ps(t4, t6, 0x44);
-    const __m256 u5 = _mm256_shuffle_ps(t4, t6, 0xEE);
-    const __m256 u6 = _mm256_shuffle_ps(t5, t7, 0x44);
-    const __m256 u7 = _mm256_shuffle_ps(t5, t7, 0xEE);
-    r[0] = _mm256_permute2f128_ps(u0, u4, 0x20);
-    r[1] = _mm256_permute2f128_ps(u1, u5, 0x20);
-    r[2] = _mm256_permute2f128_ps(u2, u6, 0x20);
-    r[3] = _mm256_permute2f128_ps(u3, u7, 0x20);
-    r[4] = _mm256_permute2f128_ps(u0, u4, 0x31);
-    r[5] = _mm256_permute2f128_ps(u1, u5, 0x31);
-    r[6] = _mm256_permute2f128_ps(u2, u6, 0x31);
-    r[7] = _mm256_permute2f128_ps(u3, u7, 0x31);
 }
 // Other steps, eight outputs at a time: the eight windows are loaded eight
 // positions at a time and transposed, so that each lane adds its own window's
@@ -573,6 +545,17 @@ KVANE_AVX2 SumWithBounds sumWithBoundsAvx2(const float* x, int n) {
 // the first of its smallest roots (x < lane ? x : lane, which passes over a
 // NaN), all starting from the first root, so that the lowest over the lanes
 // is the one an ordered pass finds.
+// The roots of x[i..n) in place into lane 0, then the lowest over the lanes.
+KVANE_LOOP_BODY float rootsLowestFinish(float* x, int i, int n, float* lane) {
+    for (; i < n; ++i) {
+        const float root = std::sqrt(x[i]);
+        x[i] = root;
+        lane[0] = root < lane[0] ? root : lane[0];
+    }
+    float lowest = lane[0];
+    for (int k = 1; k < 8; ++k) lowest = lane[k] < lowest ? lane[k] : lowest;
+    return lowest;
+}
 KVANE_LOOP_BODY float rootsLowest(float* x, int n) {
     float lane[8];
     for (int k = 0; k < 8; ++k) lane[k] = std::sqrt(x[0]);
@@ -583,14 +566,7 @@ KVANE_LOOP_BODY float rootsLowest(float* x, int n) {
             x[i + k] = root;
             lane[k] = root < lane[k] ? root : lane[k];
         }
-    for (; i < n; ++i) {
-        const float root = std::sqrt(x[i]);
-        x[i] = root;
-        lane[0] = root < lane[0] ? root : lane[0];
-    }
-    float lowest = lane[0];
-    for (int k = 1; k < 8; ++k) lowest = lane[k] < lowest ? lane[k] : lowest;
-    return lowest;
+    return rootsLowestFinish(x, i, n, lane);
 }
 KVANE_AVX2 float rootsLowestAvx2(float* x, int n) {
     __m256 lane = _mm256_set1_ps(std::sqrt(x[0]));
@@ -602,14 +578,7 @@ KVANE_AVX2 float rootsLowestAvx2(float* x, int n) {
     }
     alignas(32) float lanes[8];
     _mm256_store_ps(lanes, lane);
-    for (; i < n; ++i) {
-        const float root = std::sqrt(x[i]);
-        x[i] = root;
-        lanes[0] = root < lanes[0] ? root : lanes[0];
-    }
-    float lowest = lanes[0];
-    for (int k = 1; k < 8; ++k) lowest = lanes[k] < lowest ? lanes[k] : lowest;
-    return lowest;
+    return rootsLowestFinish(x, i, n, lanes);
 }
 
 }  // namespace
